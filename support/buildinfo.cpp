@@ -1,0 +1,6 @@
+#include "support/buildinfo.h"
+
+bool have_service_build()
+{
+    return false;
+}
