@@ -1,0 +1,42 @@
+// The fixed table of dfu-util invocations and the blocking runner that executes one of them.
+#pragma once
+
+#include <QList>
+#include <QMap>
+#include <QString>
+
+namespace DFU {
+
+enum CmdID : int {
+    version = 0,
+    list = 1,
+    upload_OTP = 2,
+    upload_FW_info = 3,
+    upload_FW = 4,
+    download_FW = 5,
+    setup_prepared_config = 6,
+};
+
+struct Command
+{
+    QString program = QStringLiteral("dfu-util");
+    QList<QString> args;
+
+    // Directory holding the tool; empty means the program is used as it stands.
+    static QString path;
+
+    operator QString() const;
+};
+
+struct CommandResult
+{
+    int exit_code = 0; // 0 success, -1 crashed
+    QString output;    // standard output, UTF-8
+};
+
+// Mutable on purpose: the simulator rewrites entries at start-up. Look-ups insert on miss.
+extern QMap<CmdID, Command> commands;
+
+CommandResult run_command(CmdID id, const QList<QString>& extra_args);
+
+} // namespace DFU
