@@ -4,7 +4,7 @@ BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 CMAKE_ARGS ?=
 
-.PHONY: all deps configure build test test-all demo clean
+.PHONY: all deps configure build test test-all demo package clean
 
 all: build
 
@@ -26,6 +26,10 @@ test-all: build
 
 demo: build
 	tools/demo.sh $(BUILD_DIR)
+
+# The Debian package: the program, the udev rule, the menu entry, icons and metadata.
+package: build
+	cd $(BUILD_DIR) && cpack -G DEB
 
 clean:
 	rm -rf $(BUILD_DIR)

@@ -11,7 +11,9 @@ packages=(
   # generated assets: the embedded tool, the fonts
   dfu-util patchelf python3 python3-fonttools fonts-open-sans
   # headless runs and screenshots
-  xvfb xauth xdotool x11-apps imagemagick
+  xvfb xauth xdotool x11-apps imagemagick python3-xlib
+  # desktop integration and the Debian package
+  librsvg2-bin desktop-file-utils appstream dpkg-dev fakeroot
 )
 if [ "$#" -gt 0 ]; then
   packages+=("$@")
