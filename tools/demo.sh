@@ -1,5 +1,88 @@
 #!/usr/bin/env bash
-# Runs the program from the build tree in simulator mode.
+# Runs the program in simulator mode with the default scenario: a unit with an older firmware.
+# With a display the user clicks through the upgrade; without one the script runs it under Xvfb,
+# clicks Install as a person would, saves a screenshot of each state and ends by itself.
 set -euo pipefail
-build_dir=${1:-build}
-exec "$build_dir/app/lumaxis-upgrade" -s
+
+build_dir=$(cd "${1:-build}" && pwd)
+program="$build_dir/app/lumaxis-upgrade"
+simulator_dir="${LUMAXIS_SIMULATOR_DIR:-$build_dir/simulator}"
+title="Lumaxis Firmware Upgrade Tool"
+
+"$simulator_dir/dfu-util_simulator.sh" --dfu-util-command setup_prepared_config default >/dev/null
+
+if [ -n "${DISPLAY:-}" ] || [ -n "${WAYLAND_DISPLAY:-}" ]; then
+  echo "Starting the upgrade tool against a simulated unit; click Install, close the window to quit."
+  exec "$program" -s
+fi
+
+out_dir="$build_dir/demo"
+rm -rf "$out_dir"
+mkdir -p "$out_dir"
+log="$out_dir/log.txt"
+
+display_number=99
+while [ -e "/tmp/.X11-unix/X$display_number" ] || [ -e "/tmp/.X$display_number-lock" ]; do
+  display_number=$((display_number + 1))
+done
+export DISPLAY=":$display_number"
+Xvfb "$DISPLAY" -screen 0 1280x800x24 -nolisten tcp >/dev/null 2>&1 &
+xvfb_pid=$!
+program_pid=""
+cleanup() {
+  [ -n "$program_pid" ] && kill "$program_pid" 2>/dev/null || true
+  kill "$xvfb_pid" 2>/dev/null || true
+}
+trap cleanup EXIT
+for _ in $(seq 50); do
+  xdpyinfo >/dev/null 2>&1 && break
+  sleep 0.1
+done
+
+echo "No display found: running the demo under Xvfb ($DISPLAY); the log goes to $log"
+"$program" -s -l 2>"$log" &
+program_pid=$!
+
+# Waits until the log shows a line holding $1, for at most $2 seconds.
+wait_for() {
+  local deadline=$((SECONDS + $2))
+  until grep -q -- "$1" "$log"; do
+    if [ $SECONDS -ge $deadline ] || ! kill -0 "$program_pid" 2>/dev/null; then
+      echo "The demo did not reach: $1 (see $log)" >&2
+      exit 1
+    fi
+    sleep 0.2
+  done
+}
+
+shot() {
+  import -window root "$out_dir/$1.png"
+  echo "  $out_dir/$1.png"
+}
+
+echo "Screenshots:"
+wait_for "SM_B: entered B1" 30
+window=$(xdotool search --sync --name "$title" | head -n 1)
+sleep 0.5
+shot 1-waiting-for-unit
+wait_for "SM_B: entered B2" 30
+sleep 0.5
+shot 2-upgrade-offered
+
+eval "$(xdotool getwindowgeometry --shell "$window")"
+# The install button sits at (207, 417), 250 by 40, at scale 1.
+xdotool mousemove "$((X + 207 + 125))" "$((Y + 417 + 20))" click 1
+wait_for "SM_B: entered B3" 10
+sleep 3
+shot 3-upgrading
+wait_for "SM_B: entered B4" 120
+shot 4-verifying
+wait_for "SM_B: entered B6" 120
+sleep 1
+shot 5-done
+
+python3 "$(dirname "$0")/close-window.py" "$window"
+wait "$program_pid" && status=0 || status=$?
+program_pid=""
+echo "The program ended with status $status after a full upgrade."
+exit "$status"
