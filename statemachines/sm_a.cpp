@@ -1,0 +1,214 @@
+#include "statemachines/sm_a.h"
+
+#include <atomic>
+#include <utility>
+
+#include <QDebug>
+#include <QMutexLocker>
+
+#include "dfu/scan.h"
+
+SM_A* sm_A = nullptr;
+
+namespace {
+
+// Loop positions with work of their own; A1 always follows A0, A3 has no place in the loop.
+enum class Position { A0, A2, A4, A5, A6, A7 };
+
+bool is_single_unit(const DFU::ScanResult& scan)
+{
+    return scan.status == 0 && scan.devices.size() == 1;
+}
+
+// Shared by every logging connection: an idle worker would otherwise log two lines per cycle.
+std::atomic<bool> last_logged_signal_was_quiet{false};
+
+void log_signal(const QString& name, bool quiet)
+{
+    const bool repeat_of_quiet =
+        last_logged_signal_was_quiet.load() &&
+        (name == QLatin1String("NoDevConn") || name == QLatin1String("scanning"));
+    if (!repeat_of_quiet) {
+        qDebug() << QStringLiteral("SM_A: /sig_") + name;
+    }
+    last_logged_signal_was_quiet.store(quiet);
+}
+
+} // namespace
+
+SM_A::SM_A(QString desired_FW_dfu, QString desired_FW_bin, QString uploaded_FW_bin, QObject* parent)
+    : QThread(parent), desired_FW_dfu(std::move(desired_FW_dfu)),
+      desired_FW_bin(std::move(desired_FW_bin)), uploaded_FW_bin(std::move(uploaded_FW_bin))
+{
+    qDebug() << "SM_A created";
+}
+
+SM_A::~SM_A()
+{
+    {
+        QMutexLocker lock(&mutex);
+        stop_requested = true;
+    }
+    wait_condition.wakeOne();
+    qDebug() << "SM_A: Waiting in dtor";
+    // Never terminate: a dfu-util run cut off mid-transfer could leave the unit half-written.
+    wait();
+}
+
+SM_A::Command SM_A::get_command() const
+{
+    QMutexLocker lock(&mutex);
+    return command;
+}
+
+void SM_A::set_command(SM_A::Command c)
+{
+    QMutexLocker lock(&mutex);
+    command = c;
+}
+
+void SM_A::do_stop()
+{
+    QMutexLocker lock(&mutex);
+    stop_requested = true;
+}
+
+bool SM_A::is_stopping() const
+{
+    QMutexLocker lock(&mutex);
+    return stop_requested;
+}
+
+void SM_A::enable_debug_output()
+{
+    qDebug() << "SM_A: Adding connections to show debug output (state transitions)";
+    // Direct, so each line is written on the worker thread in the order the signals were emitted.
+    const auto add = [this](auto signal, const char* name, bool quiet) {
+        connect(
+            this, signal, this,
+            [name = QString::fromLatin1(name), quiet] { log_signal(name, quiet); },
+            Qt::DirectConnection);
+    };
+    add(&SM_A::sig_NoDevConn, "NoDevConn", true);
+    add(&SM_A::sig_scanning, "scanning", true);
+    add(&SM_A::sig_readingInfo, "readingInfo", false);
+    add(&SM_A::sig_DevConn, "DevConn", false);
+    add(&SM_A::sig_FwDownloading, "FwDownloading", false);
+    add(&SM_A::sig_FwDownloaded, "FwDownloaded", false);
+    add(&SM_A::sig_FwUploading, "FwUploading", false);
+    add(&SM_A::sig_FwUploadedDiffers, "FwUploadedDiffers", false);
+    add(&SM_A::sig_FwUploadedMatches, "FwUploadedMatches", false);
+}
+
+void SM_A::run()
+{
+    bool first_cycle = true; // the very first scan starts without a pause
+    Position position = Position::A0;
+    for (;;) {
+        switch (position) {
+        case Position::A0: {
+            emit sig_A0_entered();
+            current_serial.clear();
+
+            emit sig_A1_entered();
+            if (is_stopping()) {
+                return;
+            }
+            device_info = DFU::DeviceInfo();
+            emit sig_NoDevConn();
+            if (!first_cycle) {
+                msleep(no_device_poll_ms);
+            }
+            first_cycle = false;
+            position = Position::A2;
+            break;
+        }
+        case Position::A2: {
+            emit sig_A2_entered();
+            emit sig_scanning();
+            const DFU::ScanResult scan = DFU::make_scan();
+            if (!is_single_unit(scan)) {
+                position = Position::A0;
+                break;
+            }
+            const DFU::DeviceItem& item = scan.devices.first();
+            if (item.serial == current_serial) {
+                position = Position::A4;
+                break;
+            }
+            emit sig_readingInfo();
+            emit sig_NoDevConn();
+            current_serial = item.serial;
+            const DFU::CommandResult result = DFU::read_device_info(&item, &device_info);
+            if (result.exit_code == 0) {
+                emit sig_DevConn();
+                position = Position::A4;
+            } else {
+                emit sig_DeviceError(result.output);
+                position = Position::A7;
+            }
+            break;
+        }
+        case Position::A7: {
+            // A unit whose read-out failed is not read again until it has gone away.
+            emit sig_A7_entered();
+            emit sig_scanning();
+            for (;;) {
+                msleep(connected_poll_ms);
+                const DFU::ScanResult scan = DFU::make_scan();
+                if (!is_single_unit(scan) || scan.devices.first().serial != current_serial) {
+                    break;
+                }
+            }
+            position = Position::A0;
+            break;
+        }
+        case Position::A4: {
+            emit sig_A4_entered();
+            if (is_stopping()) {
+                return;
+            }
+            msleep(connected_poll_ms);
+            Command taken = None;
+            {
+                // Read and clear in one hold, so a command set meanwhile is never wiped unseen.
+                QMutexLocker lock(&mutex);
+                if (command == Download || command == UploadVerify) {
+                    taken = std::exchange(command, None);
+                }
+            }
+            if (taken == UploadVerify) {
+                position = Position::A6;
+            } else if (taken == Download) {
+                position = Position::A5;
+            } else {
+                position = Position::A2; // scan again: is the same unit still attached?
+            }
+            break;
+        }
+        case Position::A5: {
+            emit sig_A5_entered();
+            emit sig_FwDownloading();
+            DFU::download_FW_to_device(desired_FW_bin);
+            // Whatever the exit code: the verification that follows tells the truth.
+            emit sig_FwDownloaded();
+            // The unit leaves its bootloader; start afresh so it is read again when it is back.
+            position = Position::A0;
+            break;
+        }
+        case Position::A6: {
+            emit sig_A6_entered();
+            emit sig_FwUploading();
+            if (!DFU::upload_and_compare_FW_bin(desired_FW_bin, uploaded_FW_bin)) {
+                qDebug() << "Uploaded FW does not match";
+                emit sig_FwUploadedDiffers();
+            } else {
+                qDebug() << "Uploaded FW matches";
+                emit sig_FwUploadedMatches();
+            }
+            position = Position::A2;
+            break;
+        }
+        }
+    }
+}
