@@ -1,0 +1,680 @@
+/* The emulated STM32F4 DfuSe bootloader: descriptors, flash and OTP memory, DFU requests. */
+#include "tools/virtual-unit/bootloader.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <libusb.h>
+
+/* The real unit's layout strings; the blank before "e" is the unit's own quirk, which makes
+ * dfu-util warn "Non-valid multiplier" while it still parses the segment. */
+static const char* const alt_names[VU_ALT_COUNT] = {
+    "@Internal Flash  /0x08000000/04*016Kg,01*064Kg,07*128Kg",
+    "@Option Bytes  /0x1FFFC000/01*016 e",
+    "@OTP Memory /0x1FFF7800/01*512 e,01*016 e",
+    "@Device Feature/0xFFFF0000/01*004 e",
+};
+
+/* Option bytes of a fresh STM32F4: level 0 read protection, no write protection. */
+static const uint8_t default_option_bytes[VU_OPTION_SIZE] = {
+    0xED, 0xAA, 0x12, 0x55, 0xFF, 0x0F, 0x00, 0xF0, 0xED, 0xAA, 0x12, 0x55, 0xFF, 0x0F, 0x00, 0xF0,
+};
+
+enum {
+    STRING_MANUFACTURER = 1,
+    STRING_PRODUCT = 2,
+    STRING_SERIAL = 3,
+    STRING_FIRST_ALT = 4,
+};
+
+enum {
+    DFU_DNLOAD = 1,
+    DFU_UPLOAD = 2,
+    DFU_GETSTATUS = 3,
+    DFU_CLRSTATUS = 4,
+    DFU_GETSTATE = 5,
+    DFU_ABORT = 6,
+};
+
+const char* vu_alt_name(int alt)
+{
+    return (alt >= 0 && alt < VU_ALT_COUNT) ? alt_names[alt] : "";
+}
+
+int vu_device_descriptor(uint8_t* out)
+{
+    const uint8_t d[LIBUSB_DT_DEVICE_SIZE] = {
+        LIBUSB_DT_DEVICE_SIZE,
+        LIBUSB_DT_DEVICE,
+        0x00,
+        0x02,
+        0x00,
+        0x00,
+        0x00,
+        64,
+        VU_VENDOR & 0xff,
+        VU_VENDOR >> 8,
+        VU_PRODUCT & 0xff,
+        VU_PRODUCT >> 8,
+        VU_BCD_DEVICE & 0xff,
+        VU_BCD_DEVICE >> 8,
+        STRING_MANUFACTURER,
+        STRING_PRODUCT,
+        STRING_SERIAL,
+        1,
+    };
+    memcpy(out, d, sizeof d);
+    return (int)sizeof d;
+}
+
+int vu_dfu_functional_descriptor(uint8_t* out)
+{
+    /* bmAttributes 0x0B: can download, can upload, will detach; bcdDFU 0x011a selects DfuSe. */
+    const uint8_t d[9] = {
+        9, 0x21, 0x0B, 0xFF, 0x00, VU_TRANSFER_SIZE & 0xff, VU_TRANSFER_SIZE >> 8, 0x1A, 0x01,
+    };
+    memcpy(out, d, sizeof d);
+    return (int)sizeof d;
+}
+
+int vu_config_descriptor(uint8_t* out, int size)
+{
+    uint8_t d[LIBUSB_DT_CONFIG_SIZE + VU_ALT_COUNT * LIBUSB_DT_INTERFACE_SIZE + 9];
+    const int total = (int)sizeof d;
+    const uint8_t head[LIBUSB_DT_CONFIG_SIZE] = {
+        LIBUSB_DT_CONFIG_SIZE, LIBUSB_DT_CONFIG, total & 0xff, total >> 8, 1, 1, 0, 0xC0, 50,
+    };
+    memcpy(d, head, sizeof head);
+    for (int alt = 0; alt < VU_ALT_COUNT; ++alt) {
+        uint8_t* p = d + LIBUSB_DT_CONFIG_SIZE + alt * LIBUSB_DT_INTERFACE_SIZE;
+        const uint8_t intf[LIBUSB_DT_INTERFACE_SIZE] = {
+            LIBUSB_DT_INTERFACE_SIZE,          LIBUSB_DT_INTERFACE, 0, (uint8_t)alt, 0, 0xFE, 1, 2,
+            (uint8_t)(STRING_FIRST_ALT + alt),
+        };
+        memcpy(p, intf, sizeof intf);
+    }
+    /* Like the real unit, the functional descriptor follows the last alternate setting. */
+    vu_dfu_functional_descriptor(d + total - 9);
+    int n = size < total ? size : total;
+    memcpy(out, d, (size_t)n);
+    return n;
+}
+
+static int utf16_string(uint8_t* out, int size, const char* text)
+{
+    uint8_t d[256];
+    int n = 2;
+    for (; *text && n + 2 <= 254; ++text, n += 2) {
+        d[n] = (uint8_t)*text;
+        d[n + 1] = 0;
+    }
+    d[0] = (uint8_t)n;
+    d[1] = LIBUSB_DT_STRING;
+    if (n > size)
+        n = size;
+    memcpy(out, d, (size_t)n);
+    return n;
+}
+
+int vu_string_descriptor(uint8_t* out, int size, int index, const char* serial)
+{
+    if (index == 0) {
+        const uint8_t languages[4] = {4, LIBUSB_DT_STRING, 0x09, 0x04};
+        int n = size < 4 ? size : 4;
+        memcpy(out, languages, (size_t)n);
+        return n;
+    }
+    switch (index) {
+    case STRING_MANUFACTURER:
+        return utf16_string(out, size, "STMicroelectronics");
+    case STRING_PRODUCT:
+        return utf16_string(out, size, "STM32  BOOTLOADER");
+    case STRING_SERIAL:
+        return utf16_string(out, size, serial);
+    default:
+        if (index >= STRING_FIRST_ALT && index < STRING_FIRST_ALT + VU_ALT_COUNT)
+            return utf16_string(out, size, alt_names[index - STRING_FIRST_ALT]);
+        return -1;
+    }
+}
+
+static void sleep_ms(long long ms)
+{
+    if (ms <= 0)
+        return;
+    struct timespec ts = {(time_t)(ms / 1000), (long)(ms % 1000) * 1000000L};
+    while (nanosleep(&ts, &ts) != 0) {
+    }
+}
+
+static int real_timing(const struct vu_bootloader* unit)
+{
+    return strcmp(vu_conf_get(&unit->conf, "timing", "real"), "fast") != 0;
+}
+
+/* Sector boundaries of the 1 MiB STM32F4 flash. */
+static int flash_sector(uint32_t address, uint32_t* start, uint32_t* size)
+{
+    if (address < VU_FLASH_BASE || address >= VU_FLASH_BASE + VU_FLASH_SIZE)
+        return -1;
+    uint32_t offset = address - VU_FLASH_BASE;
+    if (offset < 0x10000) {
+        *start = offset & ~0x3FFFu;
+        *size = 0x4000;
+    } else if (offset < 0x20000) {
+        *start = 0x10000;
+        *size = 0x10000;
+    } else {
+        *start = offset & ~0x1FFFFu;
+        *size = 0x20000;
+    }
+    return 0;
+}
+
+/* The poll timeout a busy unit asks for: the time the real part needs for the operation. */
+static uint32_t busy_ms(const struct vu_bootloader* unit)
+{
+    if (!real_timing(unit))
+        return 0;
+    uint32_t start, size;
+    switch (unit->pending) {
+    case VU_CMD_ERASE:
+        if (flash_sector(unit->pending_address, &start, &size))
+            return 0;
+        return size == 0x4000 ? 250 : size == 0x10000 ? 500 : 1000;
+    case VU_CMD_MASS_ERASE:
+    case VU_CMD_READ_UNPROTECT:
+        return 8000;
+    case VU_CMD_WRITE:
+        return 40;
+    default:
+        return 0;
+    }
+}
+
+/* Wire time of a data stage at full speed, so that a read-back takes as long as on a unit. */
+static void wire_delay(const struct vu_bootloader* unit, int length)
+{
+    if (real_timing(unit) && length > 0)
+        sleep_ms(1 + length / 700);
+}
+
+enum region { REGION_NONE, REGION_FLASH, REGION_OPTION, REGION_OTP, REGION_FEATURE };
+
+static enum region find_region(uint32_t address, uint32_t* offset, uint32_t* remaining)
+{
+    static const struct
+    {
+        enum region region;
+        uint32_t base;
+        uint32_t size;
+    } map[] = {
+        {REGION_FLASH, VU_FLASH_BASE, VU_FLASH_SIZE},
+        {REGION_OPTION, VU_OPTION_BASE, VU_OPTION_SIZE},
+        {REGION_OTP, VU_OTP_BASE, VU_OTP_SIZE},
+        {REGION_FEATURE, VU_FEATURE_BASE, VU_FEATURE_SIZE},
+    };
+    for (size_t i = 0; i < sizeof map / sizeof map[0]; ++i) {
+        if (address >= map[i].base && address - map[i].base < map[i].size) {
+            *offset = address - map[i].base;
+            *remaining = map[i].size - *offset;
+            return map[i].region;
+        }
+    }
+    return REGION_NONE;
+}
+
+/* Bytes beyond the end of a short file read as erased memory. */
+static int read_file_at(int fd, uint32_t offset, uint8_t* out, uint32_t length)
+{
+    memset(out, 0xFF, length);
+    ssize_t n = pread(fd, out, length, (off_t)offset);
+    if (n < 0) {
+        return -1;
+    }
+    if ((uint32_t)n < length)
+        memset(out + n, 0xFF, length - (uint32_t)n);
+    return 0;
+}
+
+static int write_file_at(int fd, uint32_t offset, const uint8_t* data, uint32_t length)
+{
+    return pwrite(fd, data, length, (off_t)offset) == (ssize_t)length ? 0 : -1;
+}
+
+/* Reads up to length bytes; returns the count (short at a region's end) or -1 off the map. */
+static int read_memory(struct vu_bootloader* unit, uint32_t address, uint8_t* out, uint32_t length)
+{
+    uint32_t offset, remaining;
+    enum region region = find_region(address, &offset, &remaining);
+    if (length > remaining)
+        length = remaining;
+    switch (region) {
+    case REGION_FLASH:
+        return read_file_at(unit->flash_fd, offset, out, length) ? -1 : (int)length;
+    case REGION_OTP:
+        return read_file_at(unit->otp_fd, offset, out, length) ? -1 : (int)length;
+    case REGION_OPTION:
+        memcpy(out, unit->option_bytes + offset, length);
+        return (int)length;
+    case REGION_FEATURE:
+        memset(out, 0, length);
+        return (int)length;
+    default:
+        return -1;
+    }
+}
+
+/* Flash and OTP cells can only go from 1 to 0: the stored value is old AND new. So a block
+ * written over a sector that was not erased reads back wrong, as on the real part. */
+static int program_cells(int fd, uint32_t offset, const uint8_t* data, uint32_t length)
+{
+    uint8_t old[VU_TRANSFER_SIZE];
+    if (read_file_at(fd, offset, old, length))
+        return -1;
+    for (uint32_t i = 0; i < length; ++i)
+        old[i] &= data[i];
+    return write_file_at(fd, offset, old, length);
+}
+
+static uint8_t write_memory(struct vu_bootloader* unit, uint32_t address, const uint8_t* data,
+                            uint32_t length)
+{
+    uint32_t offset, remaining;
+    enum region region = find_region(address, &offset, &remaining);
+    if (region == REGION_NONE || length > remaining)
+        return VU_errADDRESS;
+    switch (region) {
+    case REGION_FLASH:
+        return program_cells(unit->flash_fd, offset, data, length) ? VU_errWRITE : VU_OK;
+    case REGION_OTP:
+        return program_cells(unit->otp_fd, offset, data, length) ? VU_errWRITE : VU_OK;
+    case REGION_OPTION:
+        memcpy(unit->option_bytes + offset, data, length);
+        return VU_OK;
+    default:
+        return VU_errTARGET;
+    }
+}
+
+static uint8_t erase_flash(struct vu_bootloader* unit, uint32_t offset, uint32_t size)
+{
+    static uint8_t erased[0x4000];
+    memset(erased, 0xFF, sizeof erased);
+    for (uint32_t done = 0; done < size; done += sizeof erased)
+        if (write_file_at(unit->flash_fd, offset + done, erased, sizeof erased))
+            return VU_errERASE;
+    return VU_OK;
+}
+
+static void save_conf(struct vu_bootloader* unit)
+{
+    if (vu_conf_save(&unit->conf, unit->dir))
+        fprintf(stderr, "lumaxis virtual unit: cannot write the config in %s\n", unit->dir);
+}
+
+/* The unit leaves DFU mode (or is pulled): it drops off the bus and, after a leave, comes
+ * back after absent_ms with the same serial. */
+static void drop_off_bus(struct vu_bootloader* unit, int unplugged)
+{
+    long long now = vu_now_ms();
+    unit->gone = 1;
+    if (unplugged) {
+        vu_conf_set_int(&unit->conf, "plugged", 0);
+        vu_conf_set_int(&unit->conf, "unplugged_at_ms", now);
+    } else {
+        vu_conf_set_int(&unit->conf, "left_at_ms", now);
+        vu_conf_set_int(&unit->conf, "leaves", vu_conf_get_int(&unit->conf, "leaves", 0) + 1);
+    }
+    vu_conf_set_int(&unit->conf, "enumerations",
+                    vu_conf_get_int(&unit->conf, "enumerations", 0) + 1);
+    save_conf(unit);
+    vu_trace("unit %s", unplugged ? "unplugged" : "left DFU mode");
+}
+
+/* A fault armed with faults_once=1 fires in one run only. */
+static void fault_fired(struct vu_bootloader* unit, const char* key)
+{
+    vu_trace("fault %s fired", key);
+    if (vu_conf_get_int(&unit->conf, "faults_once", 0) == 1) {
+        vu_conf_remove(&unit->conf, key);
+        save_conf(unit);
+    }
+}
+
+static int crosses(const struct vu_bootloader* unit, const char* key, long long before, int length)
+{
+    long long limit = vu_conf_get_int(&unit->conf, key, -1);
+    return limit >= 0 && before + length > limit;
+}
+
+static int direction_matches(const struct vu_bootloader* unit, int download)
+{
+    const char* direction = vu_conf_get(&unit->conf, "fault_direction", "any");
+    if (strcmp(direction, "upload") == 0)
+        return !download;
+    if (strcmp(direction, "download") == 0)
+        return download;
+    return 1;
+}
+
+/* Faults on a data stage; returns 0 to go on or the libusb error the transfer ends with. */
+static int data_fault(struct vu_bootloader* unit, int download, int length, unsigned timeout_ms)
+{
+    long long before = download ? unit->bytes_down : unit->bytes_up;
+    if (download && crosses(unit, "unplug_after", before, length)) {
+        fault_fired(unit, "unplug_after");
+        drop_off_bus(unit, 1);
+        return LIBUSB_ERROR_NO_DEVICE;
+    }
+    if (!direction_matches(unit, download))
+        return 0;
+    if (crosses(unit, "fail_after", before, length)) {
+        fault_fired(unit, "fail_after");
+        return LIBUSB_ERROR_IO;
+    }
+    if (crosses(unit, "stall_after", before, length)) {
+        /* A unit that stops answering: the request runs into its time-out. stall_ms longer
+         * than the time-out imitates a host stack that hangs. */
+        long long stall = vu_conf_get_int(&unit->conf, "stall_ms", 0);
+        if (stall <= 0)
+            stall = timeout_ms ? timeout_ms : 24LL * 3600 * 1000;
+        fault_fired(unit, "stall_after");
+        sleep_ms(stall);
+        return LIBUSB_ERROR_TIMEOUT;
+    }
+    return 0;
+}
+
+/* A request the unit refuses: it stalls the pipe and reports the error until CLRSTATUS. */
+static int refuse(struct vu_bootloader* unit, uint8_t status)
+{
+    unit->state = VU_dfuERROR;
+    unit->status = status;
+    unit->pending = VU_CMD_NONE;
+    return LIBUSB_ERROR_PIPE;
+}
+
+static int dnload_command(struct vu_bootloader* unit, const uint8_t* data, uint16_t length)
+{
+    uint32_t address = 0;
+    if (length == 5)
+        address = (uint32_t)data[1] | (uint32_t)data[2] << 8 | (uint32_t)data[3] << 16 |
+                  (uint32_t)data[4] << 24;
+    if (length == 1 && data[0] == 0x00)
+        unit->pending = VU_CMD_GET_COMMANDS;
+    else if (length == 5 && data[0] == 0x21)
+        unit->pending = VU_CMD_SET_ADDRESS;
+    else if (length == 5 && data[0] == 0x41)
+        unit->pending = VU_CMD_ERASE;
+    else if (length == 1 && data[0] == 0x41)
+        unit->pending = VU_CMD_MASS_ERASE;
+    else if (length == 1 && data[0] == 0x92)
+        unit->pending = VU_CMD_READ_UNPROTECT;
+    else
+        return refuse(unit, VU_errSTALLEDPKT);
+    unit->pending_address = address;
+    unit->state = VU_dfuDNLOAD_SYNC;
+    vu_trace("command %02x %08x", data[0], address);
+    return length;
+}
+
+static int dnload(struct vu_bootloader* unit, uint16_t block, uint8_t* data, uint16_t length,
+                  unsigned timeout_ms)
+{
+    if (unit->state != VU_dfuIDLE && unit->state != VU_dfuDNLOAD_IDLE)
+        return refuse(unit, VU_errSTALLEDPKT);
+    if (length == 0) {
+        /* DfuSe's leave request: a zero-length download; the next GETSTATUS starts the
+         * firmware. */
+        unit->state = VU_dfuMANIFEST_SYNC;
+        return 0;
+    }
+    if (!data)
+        return LIBUSB_ERROR_INVALID_PARAM;
+    if (block == 0)
+        return dnload_command(unit, data, length);
+    if (block == 1 || length > VU_TRANSFER_SIZE)
+        return refuse(unit, VU_errSTALLEDPKT);
+    int fault = data_fault(unit, 1, length, timeout_ms);
+    if (fault)
+        return fault;
+    wire_delay(unit, length);
+    unit->bytes_down += length;
+    unit->pending = VU_CMD_WRITE;
+    unit->pending_address = unit->pointer + (uint32_t)(block - 2) * VU_TRANSFER_SIZE;
+    unit->pending_length = length;
+    memcpy(unit->pending_data, data, length);
+    unit->state = VU_dfuDNLOAD_SYNC;
+    return length;
+}
+
+static int upload(struct vu_bootloader* unit, uint16_t block, uint8_t* data, uint16_t length,
+                  unsigned timeout_ms)
+{
+    if (unit->state != VU_dfuIDLE && unit->state != VU_dfuUPLOAD_IDLE)
+        return refuse(unit, VU_errSTALLEDPKT);
+    if (!data && length)
+        return LIBUSB_ERROR_INVALID_PARAM;
+    if (block == 0) {
+        /* Get Commands: the DfuSe commands this bootloader knows. */
+        const uint8_t commands[4] = {0x00, 0x21, 0x41, 0x92};
+        int n = length < 4 ? length : 4;
+        memcpy(data, commands, (size_t)n);
+        unit->state = VU_dfuIDLE;
+        return n;
+    }
+    if (block == 1 || length > VU_TRANSFER_SIZE)
+        return refuse(unit, VU_errSTALLEDPKT);
+    uint32_t address = unit->pointer + (uint32_t)(block - 2) * VU_TRANSFER_SIZE;
+    int fault = data_fault(unit, 0, length, timeout_ms);
+    if (fault)
+        return fault;
+    int n = read_memory(unit, address, data, length);
+    if (n < 0)
+        return refuse(unit, VU_errADDRESS);
+    long long flip = vu_conf_get_int(&unit->conf, "flip_address", -1);
+    if (flip >= address && flip < (long long)address + n) {
+        data[flip - address] ^= 0xFF;
+        fault_fired(unit, "flip_address");
+    }
+    wire_delay(unit, n);
+    unit->bytes_up += n;
+    /* A short block ends the upload, as the DFU protocol has it. */
+    unit->state = n < length ? VU_dfuIDLE : VU_dfuUPLOAD_IDLE;
+    return n;
+}
+
+/* Carries out the command that the last download announced, once the host polls for it. */
+static uint8_t execute(struct vu_bootloader* unit)
+{
+    uint32_t start, size;
+    switch (unit->pending) {
+    case VU_CMD_SET_ADDRESS: {
+        uint32_t offset, remaining;
+        if (find_region(unit->pending_address, &offset, &remaining) == REGION_NONE)
+            return VU_errADDRESS;
+        unit->pointer = unit->pending_address;
+        return VU_OK;
+    }
+    case VU_CMD_ERASE:
+        if (flash_sector(unit->pending_address, &start, &size))
+            return VU_errADDRESS;
+        return erase_flash(unit, start, size);
+    case VU_CMD_MASS_ERASE:
+        return erase_flash(unit, 0, VU_FLASH_SIZE);
+    case VU_CMD_READ_UNPROTECT: {
+        uint8_t status = erase_flash(unit, 0, VU_FLASH_SIZE);
+        /* Removing read protection resets the part. */
+        drop_off_bus(unit, 0);
+        return status;
+    }
+    case VU_CMD_WRITE:
+        return write_memory(unit, unit->pending_address, unit->pending_data, unit->pending_length);
+    default:
+        return VU_OK;
+    }
+}
+
+static int get_status(struct vu_bootloader* unit, uint8_t* data, uint16_t length)
+{
+    if (!data || length < 6)
+        return refuse(unit, VU_errSTALLEDPKT);
+    uint32_t poll = 0;
+    switch (unit->state) {
+    case VU_dfuDNLOAD_SYNC:
+        /* DfuSe answers the first poll after a command with dfuDNBUSY and the time it needs. */
+        poll = busy_ms(unit);
+        unit->state = VU_dfuDNBUSY;
+        break;
+    case VU_dfuDNBUSY: {
+        uint8_t status = execute(unit);
+        unit->pending = VU_CMD_NONE;
+        if (unit->gone)
+            return LIBUSB_ERROR_NO_DEVICE;
+        if (status != VU_OK) {
+            unit->state = VU_dfuERROR;
+            unit->status = status;
+        } else {
+            unit->state = VU_dfuDNLOAD_IDLE;
+        }
+        break;
+    }
+    case VU_dfuMANIFEST_SYNC:
+        if (vu_conf_get_int(&unit->conf, "leave_status_fails", 0) == 1) {
+            /* Many real units reset before they answer this last poll. */
+            fault_fired(unit, "leave_status_fails");
+            drop_off_bus(unit, 0);
+            return LIBUSB_ERROR_IO;
+        }
+        unit->state = VU_dfuMANIFEST;
+        memset(data, 0, 6);
+        data[4] = VU_dfuMANIFEST;
+        drop_off_bus(unit, 0);
+        return 6;
+    default:
+        break;
+    }
+    data[0] = unit->status;
+    data[1] = poll & 0xff;
+    data[2] = (poll >> 8) & 0xff;
+    data[3] = (poll >> 16) & 0xff;
+    data[4] = unit->state;
+    data[5] = 0;
+    return 6;
+}
+
+static int class_request(struct vu_bootloader* unit, uint8_t request_type, uint8_t request,
+                         uint16_t value, uint8_t* data, uint16_t length, unsigned timeout_ms)
+{
+    const int in = (request_type & LIBUSB_ENDPOINT_IN) != 0;
+    switch (request) {
+    case DFU_DNLOAD:
+        return in ? refuse(unit, VU_errSTALLEDPKT) : dnload(unit, value, data, length, timeout_ms);
+    case DFU_UPLOAD:
+        return in ? upload(unit, value, data, length, timeout_ms) : refuse(unit, VU_errSTALLEDPKT);
+    case DFU_GETSTATUS:
+        return get_status(unit, data, length);
+    case DFU_CLRSTATUS:
+        unit->state = VU_dfuIDLE;
+        unit->status = VU_OK;
+        unit->pending = VU_CMD_NONE;
+        return 0;
+    case DFU_GETSTATE:
+        if (!data || length < 1)
+            return LIBUSB_ERROR_PIPE;
+        data[0] = unit->state;
+        return 1;
+    case DFU_ABORT:
+        if (unit->state == VU_dfuERROR)
+            return LIBUSB_ERROR_PIPE;
+        unit->state = VU_dfuIDLE;
+        unit->pending = VU_CMD_NONE;
+        return 0;
+    default:
+        return refuse(unit, VU_errSTALLEDPKT);
+    }
+}
+
+static int get_descriptor(const struct vu_bootloader* unit, uint16_t value, uint8_t* data,
+                          uint16_t length)
+{
+    uint8_t d[256];
+    int n;
+    switch (value >> 8) {
+    case LIBUSB_DT_DEVICE:
+        n = vu_device_descriptor(d);
+        break;
+    case LIBUSB_DT_CONFIG:
+        n = vu_config_descriptor(d, sizeof d);
+        break;
+    case LIBUSB_DT_STRING:
+        n = vu_string_descriptor(d, sizeof d, value & 0xff, unit->serial);
+        break;
+    case 0x21:
+        n = vu_dfu_functional_descriptor(d);
+        break;
+    default:
+        n = -1;
+    }
+    if (n < 0)
+        return LIBUSB_ERROR_PIPE;
+    if (n > length)
+        n = length;
+    if (n > 0)
+        memcpy(data, d, (size_t)n);
+    return n;
+}
+
+int vu_bootloader_open(struct vu_bootloader* unit, const char* dir, const struct vu_conf* conf)
+{
+    memset(unit, 0, sizeof *unit);
+    unit->flash_fd = unit->otp_fd = -1;
+    snprintf(unit->dir, sizeof unit->dir, "%s", dir);
+    snprintf(unit->serial, sizeof unit->serial, "%s",
+             vu_conf_get(conf, "serial", VU_DEFAULT_SERIAL));
+    unit->conf = *conf;
+    memcpy(unit->option_bytes, default_option_bytes, sizeof unit->option_bytes);
+    unit->state = VU_dfuIDLE;
+    unit->status = VU_OK;
+    char path[4096];
+    if (vu_path(path, sizeof path, dir, VU_FILE_FLASH) == 0)
+        unit->flash_fd = open(path, O_RDWR | O_CLOEXEC);
+    if (vu_path(path, sizeof path, dir, VU_FILE_OTP) == 0)
+        unit->otp_fd = open(path, O_RDWR | O_CLOEXEC);
+    if (unit->flash_fd < 0 || unit->otp_fd < 0) {
+        fprintf(stderr, "lumaxis virtual unit: %s lacks %s or %s\n", dir, VU_FILE_FLASH,
+                VU_FILE_OTP);
+        vu_bootloader_close(unit);
+        return LIBUSB_ERROR_IO;
+    }
+    return 0;
+}
+
+void vu_bootloader_close(struct vu_bootloader* unit)
+{
+    if (unit->flash_fd >= 0)
+        close(unit->flash_fd);
+    if (unit->otp_fd >= 0)
+        close(unit->otp_fd);
+    unit->flash_fd = unit->otp_fd = -1;
+}
+
+int vu_bootloader_request(struct vu_bootloader* unit, uint8_t request_type, uint8_t request,
+                          uint16_t value, uint16_t index, uint8_t* data, uint16_t length,
+                          unsigned int timeout_ms)
+{
+    if (unit->gone)
+        return LIBUSB_ERROR_NO_DEVICE;
+    const uint8_t type = request_type & (3 << 5);
+    if (type == LIBUSB_REQUEST_TYPE_STANDARD && request == LIBUSB_REQUEST_GET_DESCRIPTOR &&
+        (request_type & LIBUSB_ENDPOINT_IN))
+        return get_descriptor(unit, value, data, length);
+    if (type == LIBUSB_REQUEST_TYPE_CLASS && (request_type & 0x1F) == LIBUSB_RECIPIENT_INTERFACE &&
+        index == 0)
+        return class_request(unit, request_type, request, value, data, length, timeout_ms);
+    return LIBUSB_ERROR_PIPE;
+}

@@ -1,0 +1,93 @@
+/* The emulated STM32F4 DfuSe bootloader: descriptors, memory and the DFU request state machine. */
+#pragma once
+
+#include <stdint.h>
+
+#include "tools/virtual-unit/unitstate.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define VU_VENDOR 0x0483
+#define VU_PRODUCT 0xdf11
+#define VU_BCD_DEVICE 0x2200
+#define VU_TRANSFER_SIZE 2048
+#define VU_ALT_COUNT 4
+
+enum vu_dfu_state {
+    VU_appIDLE = 0,
+    VU_dfuIDLE = 2,
+    VU_dfuDNLOAD_SYNC = 3,
+    VU_dfuDNBUSY = 4,
+    VU_dfuDNLOAD_IDLE = 5,
+    VU_dfuMANIFEST_SYNC = 6,
+    VU_dfuMANIFEST = 7,
+    VU_dfuUPLOAD_IDLE = 9,
+    VU_dfuERROR = 10
+};
+
+enum vu_dfu_status {
+    VU_OK = 0x00,
+    VU_errTARGET = 0x01,
+    VU_errWRITE = 0x03,
+    VU_errERASE = 0x04,
+    VU_errVERIFY = 0x07,
+    VU_errADDRESS = 0x08,
+    VU_errUNKNOWN = 0x0E,
+    VU_errSTALLEDPKT = 0x0F
+};
+
+enum vu_command {
+    VU_CMD_NONE,
+    VU_CMD_GET_COMMANDS,
+    VU_CMD_SET_ADDRESS,
+    VU_CMD_ERASE,
+    VU_CMD_MASS_ERASE,
+    VU_CMD_READ_UNPROTECT,
+    VU_CMD_WRITE
+};
+
+/* One opened unit: the bootloader's volatile state plus the files behind its memory. */
+struct vu_bootloader
+{
+    char dir[4096];
+    char serial[VU_VALUE_MAX];
+    struct vu_conf conf;
+    int flash_fd;
+    int otp_fd;
+    uint8_t option_bytes[VU_OPTION_SIZE];
+    int alt;
+    uint8_t state;
+    uint8_t status;
+    uint32_t pointer;
+    enum vu_command pending;
+    uint32_t pending_address;
+    uint16_t pending_length;
+    uint8_t pending_data[VU_TRANSFER_SIZE];
+    /* Data bytes moved in this run, for faults that fire after N bytes. */
+    long long bytes_down;
+    long long bytes_up;
+    /* Set once the unit has left DFU mode or was pulled: every later request fails. */
+    int gone;
+};
+
+/* Raw descriptors as the unit sends them on GET_DESCRIPTOR; each returns its length. */
+int vu_device_descriptor(uint8_t* out);
+int vu_config_descriptor(uint8_t* out, int size);
+int vu_dfu_functional_descriptor(uint8_t* out);
+/* String descriptor index: 0 is the language list; 3 the serial. Returns -1 for no such string. */
+int vu_string_descriptor(uint8_t* out, int size, int index, const char* serial);
+const char* vu_alt_name(int alt);
+
+/* Opens the memory files of the folder; returns 0 or a negative libusb error. */
+int vu_bootloader_open(struct vu_bootloader* unit, const char* dir, const struct vu_conf* conf);
+void vu_bootloader_close(struct vu_bootloader* unit);
+/* One control transfer, as libusb_control_transfer answers it. */
+int vu_bootloader_request(struct vu_bootloader* unit, uint8_t request_type, uint8_t request,
+                          uint16_t value, uint16_t index, uint8_t* data, uint16_t length,
+                          unsigned int timeout_ms);
+
+#ifdef __cplusplus
+}
+#endif
