@@ -1,0 +1,47 @@
+// Reading a unit's identity, writing firmware to it and verifying the flash by reading it back.
+#pragma once
+
+#include <QDebug>
+#include <QString>
+
+#include "device/fwinfo.h"
+#include "device/otpinfo.h"
+#include "device/products.h"
+#include "dfu/commands.h"
+
+namespace DFU {
+
+struct DeviceItem;
+
+struct DeviceInfo
+{
+    bool valid = false; // true once the OTP record has been read
+    // Set only when the firmware block names the same product as the OTP record.
+    QString FW_revision;
+    Device::OTP_Info OTP_info;
+    // Its valid flag is cleared when the products do not match.
+    Device::FW_Info FW_info;
+    Device::Type type = Device::Invalid;
+
+    operator QString() const;
+};
+
+QDebug operator<<(QDebug dbg, const DeviceInfo& info);
+
+// Fills *info field by field without resetting it first. A product mismatch is not an error
+// code: the result's exit code stays 0 and the explanation is appended to its output.
+CommandResult read_device_info(const DeviceItem* device, DeviceInfo* info);
+Device::FW_Info read_FW_Info(const DeviceItem* device);
+
+int download_FW_to_device(const QString& path);
+int upload_FW_from_device(const QString& target, int byte_count);
+bool upload_and_compare_FW_bin(const QString& reference, const QString& target);
+
+int size_of_binary_file(const QString& path);
+bool compare_FW_bin_files(const QString& first, const QString& second);
+
+Device::FW_Info read_FW_Info_from_desired_FW();
+// Read once, on the first call (at start-up, before the worker thread exists), never refreshed.
+const Device::FW_Info& desired_FW_Info();
+
+} // namespace DFU

@@ -1,0 +1,53 @@
+#include "dfu/dfuutil.h"
+
+#include <QDebug>
+
+#include "dfu/commands.h"
+#include "support/files.h"
+
+namespace DFU::dfu_util {
+
+// dfu-util 0.9, as the program ships it; a tool of another release prints other copyright years.
+const QString expected_output_of_execution_test =
+    QStringLiteral("dfu-util 0.9\n"
+                   "\n"
+                   "Copyright 2005-2009 Weston Schmidt, Harald Welte and OpenMoko Inc.\n"
+                   "Copyright 2010-2016 Tormod Volden and Stefan Schmidt\n"
+                   "This program is Free Software and has ABSOLUTELY NO WARRANTY\n"
+                   "Please report bugs to http://sourceforge.net/p/dfu-util/tickets/\n"
+                   "\n");
+
+QString basename()
+{
+    return Files::dfu_util_executable_fileName;
+}
+
+QString full_path()
+{
+    return QStringLiteral("%1/%2").arg(Files::external_dir.path(),
+                                       Files::dfu_util_executable_fileName);
+}
+
+bool is_expected_output(QString output, support_misc::Platform built_for)
+{
+    // The Windows console tool ends its lines with CR LF.
+    if (built_for == support_misc::Platform::windows)
+        output = support_misc::remove_carriage_returns(output, QChar(13));
+    return output == expected_output_of_execution_test;
+}
+
+bool execution_test()
+{
+    const CommandResult result = run_command(version, {});
+    const bool as_expected =
+        is_expected_output(result.output, support_misc::compiled_for_platform());
+
+    QDebug line = qInfo();
+    line.noquote() << "Result of execution test: status was"
+                   << (result.exit_code == 0 ? "ok" : "bad") << "and output:";
+    line.quote() << (as_expected ? QStringLiteral("as expected") : result.output);
+
+    return result.exit_code == 0 && as_expected;
+}
+
+} // namespace DFU::dfu_util

@@ -1,0 +1,24 @@
+// Where the extracted dfu-util lies, and the self-test that proves it runs and is the expected
+// release.
+#pragma once
+
+#include <QString>
+
+#include "support/support_misc.h"
+
+namespace DFU::dfu_util {
+
+// The exact "-V" output of the release this program was built against.
+extern const QString expected_output_of_execution_test;
+
+QString basename();
+QString full_path();
+
+// Whether a "-V" output equals the expected banner, after the line-end clean-up that a build for
+// the given platform applies.
+bool is_expected_output(QString output, support_misc::Platform built_for);
+
+// Runs the tool once and logs the outcome; start-up goes on whatever it returns.
+bool execution_test();
+
+} // namespace DFU::dfu_util
