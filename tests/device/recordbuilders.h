@@ -3,6 +3,8 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
+#include <memory>
 
 #include <QByteArray>
 #include <QList>
@@ -156,6 +158,28 @@ struct InfoBlock
         return b + le32(fw_end_marker);
     }
     operator QByteArray() const { return bytes(); }
+};
+
+// A copy of some bytes in a heap block of exactly their size, seen through a QByteArray that does
+// not own it: unlike an ordinary QByteArray there is no terminating NUL or spare capacity after
+// the data, so a sanitizer build reports any read past the end.
+class ExactBytes
+{
+public:
+    explicit ExactBytes(const QByteArray& src) : storage_(new char[std::size_t(src.size())])
+    {
+        if (!src.isEmpty())
+            std::memcpy(storage_.get(), src.constData(), std::size_t(src.size()));
+        view_ = QByteArray::fromRawData(storage_.get(), src.size());
+    }
+    ExactBytes(const ExactBytes&) = delete;
+    ExactBytes& operator=(const ExactBytes&) = delete;
+
+    const QByteArray& bytes() const { return view_; }
+
+private:
+    std::unique_ptr<char[]> storage_;
+    QByteArray view_;
 };
 
 } // namespace builders

@@ -176,7 +176,7 @@ void tst_FwInfo::parse()
     QFETCH(QStringList, log);
 
     LogCapture capture;
-    const FW_Info info = make_FW_Info(image);
+    const FW_Info info = make_FW_Info(ExactBytes(image).bytes());
     QCOMPARE(capture.lines(), log);
     QCOMPARE(info.valid, valid);
     QCOMPARE(info.name, name);
@@ -228,7 +228,7 @@ void tst_FwInfo::get_string()
     QFETCH(QByteArray, data);
     QFETCH(int, pos);
     QFETCH(QString, text);
-    QCOMPARE(Device::get_string(data, pos), text);
+    QCOMPARE(Device::get_string(ExactBytes(data).bytes(), pos), text);
 }
 
 void tst_FwInfo::local_strlen_data()
@@ -350,8 +350,8 @@ void tst_FwInfo::hostile_input()
     QFETCH(QByteArray, image);
     LogCapture capture;
     for (int n = 0; n <= image.size(); ++n) {
-        const QByteArray prefix(image.constData(), n);
-        const FW_Info info = make_FW_Info(prefix);
+        const ExactBytes prefix(image.left(n));
+        const FW_Info info = make_FW_Info(prefix.bytes());
         QVERIFY(info.valid || info.details.isEmpty());
     }
 }
@@ -376,7 +376,7 @@ void tst_FwInfo::random_input()
                 image.replace(end, 4, le32(fw_end_marker));
             }
         }
-        const FW_Info info = make_FW_Info(image);
+        const FW_Info info = make_FW_Info(ExactBytes(image).bytes());
         QVERIFY(info.details.size() <= 29);
         QVERIFY(info.valid || info.details.isEmpty());
     }

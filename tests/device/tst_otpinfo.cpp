@@ -124,7 +124,7 @@ void tst_OtpInfo::parse()
     QFETCH(QStringList, log);
 
     LogCapture capture;
-    const OTP_Info info = make_OTP_Info(otp);
+    const OTP_Info info = make_OTP_Info(ExactBytes(otp).bytes());
     QCOMPARE(capture.lines(), log);
     QCOMPARE(info.product.type, type);
     QCOMPARE(info.product.raw_type, raw_type);
@@ -233,8 +233,8 @@ void tst_OtpInfo::hostile_input()
     QFETCH(QByteArray, otp);
     LogCapture capture;
     for (int n = 0; n <= otp.size(); ++n) {
-        const QByteArray prefix(otp.constData(), n);
-        const OTP_Info info = make_OTP_Info(prefix);
+        const ExactBytes prefix(otp.left(n));
+        const OTP_Info info = make_OTP_Info(prefix.bytes());
         QVERIFY(!info.marker_valid || is_known(info.product.type));
     }
 }
@@ -250,7 +250,7 @@ void tst_OtpInfo::random_input()
         // Plant a marker at a random place in half the rounds, so the record path is exercised.
         if (round % 2 && otp.size() >= 4)
             otp.replace(int(rng.bounded(otp.size() - 3)), 4, le32(otp_marker));
-        const OTP_Info info = make_OTP_Info(otp);
+        const OTP_Info info = make_OTP_Info(ExactBytes(otp).bytes());
         QVERIFY(!info.marker_valid || is_known(info.product.type));
         QVERIFY(!(info.marker_valid && info.empty));
     }
