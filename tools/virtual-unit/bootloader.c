@@ -189,7 +189,7 @@ static uint32_t busy_ms(const struct vu_bootloader* unit)
     case VU_CMD_READ_UNPROTECT:
         return 8000;
     case VU_CMD_WRITE:
-        return 40;
+        return 60;
     default:
         return 0;
     }
