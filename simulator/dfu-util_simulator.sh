@@ -7,7 +7,8 @@
 # The unit lives in a state folder ($LUMAXIS_SIMULATOR_STATE, default state/ beside this script):
 # its scenario settings, its flash and OTP contents, and whether it is attached. Prepared
 # scenarios are in configs/, the images they name in images/. "--fast-progress" or
-# LUMAXIS_SIMULATOR_FAST=1 makes every command near-instant.
+# LUMAXIS_SIMULATOR_FAST=1 makes every command near-instant; LUMAXIS_SIMULATOR_ABSENT_MS sets how
+# long the unit stays away after a download that ends with "leave".
 set -uo pipefail
 
 sim_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
@@ -66,6 +67,16 @@ parse_number() {
 # ---- settings and state ---------------------------------------------------------------------
 
 # Reads KEY=VALUE lines of a scenario file; only the known keys, nothing is executed.
+#   SERIALS          serial numbers of the attached units, blank-separated (none: no unit)
+#   LISTING_LINES    listing lines per unit, one per alternate setting (at most 4)
+#   OTP_IMAGE        images/ file holding the OTP area
+#   FLASH_IMAGE      images/ file holding the flash contents from 0x08000000
+#   FAIL_UPLOAD_OTP  1: every OTP upload fails
+#   FAIL_UPLOAD_FW   1: every flash upload fails
+#   FAIL_DOWNLOAD    1: a download breaks off half-way, the unit stays in its bootloader
+#   CORRUPT_WRITES   1: the last byte of every written image keeps one wrong bit
+#   TIME_SCALE       imitated durations in percent of a real unit's (200: twice as slow)
+#   ABSENT_MS        how long the unit restarts after a download with "leave"
 load_settings() {
     SERIALS="3473375A3334" LISTING_LINES=4 OTP_IMAGE="" FLASH_IMAGE="" FAIL_UPLOAD_OTP=0
     FAIL_UPLOAD_FW=0 FAIL_DOWNLOAD=0 CORRUPT_WRITES=0 TIME_SCALE=100 ABSENT_MS=2000
@@ -387,7 +398,9 @@ do_download() {
         echo "Transitioning to dfuMANIFEST state"
         # The unit starts its firmware and comes back in its bootloader a moment later.
         local absent=$ABSENT_MS
-        if ((fast)); then
+        if [[ ${LUMAXIS_SIMULATOR_ABSENT_MS:-} =~ ^[0-9]{1,7}$ ]]; then
+            absent=$LUMAXIS_SIMULATOR_ABSENT_MS
+        elif ((fast)); then
             absent=$((ABSENT_MS * 15 / 100))
         fi
         echo $(($(now_ms) + absent)) | replace_state_file absent_until || exit
