@@ -1,6 +1,6 @@
 // A stand-in for dfu-util, steered by files in $FAKE_DFU_UTIL_CONTROL: it records each call's
-// arguments, uploads from otp.bin / flash.bin (the unit's memories), downloads into flash.bin,
-// prints <command>.stdout and exits with <command>.exit.
+// arguments, uploads from otp.bin / flash.bin (the unit's memories), checks that a download's file
+// exists, prints <command>.stdout and exits with <command>.exit.
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -97,7 +97,7 @@ int upload(const fs::path& control, const std::vector<std::string>& args)
     return 0;
 }
 
-int download(const fs::path& control, const std::vector<std::string>& args)
+int download(const std::vector<std::string>& args)
 {
     const std::string source = value_after(args, "-D");
     if (!fs::exists(source)) {
@@ -105,7 +105,6 @@ int download(const fs::path& control, const std::vector<std::string>& args)
                   << " for reading: No such file or directory\n";
         return 66;
     }
-    std::ofstream(control / "flash.bin", std::ios::binary) << read_file(source);
     return 0;
 }
 
@@ -133,7 +132,7 @@ int main(int argc, char** argv)
     if (command == "upload_OTP" || command == "upload_FW_info" || command == "upload_FW")
         code = upload(control, args);
     else if (command == "download_FW")
-        code = download(control, args);
+        code = download(args);
     if (code != 0)
         return code;
     return finish(control, command);

@@ -45,7 +45,6 @@ public:
     }
     void set_otp(const QByteArray& area) { write(QStringLiteral("otp.bin"), area); }
     void set_flash(const QByteArray& image) { write(QStringLiteral("flash.bin"), image); }
-    QByteArray flash() const { return read(QStringLiteral("flash.bin")); }
 
     // One entry per run, each the run's arguments.
     QList<QStringList> calls() const
