@@ -1,0 +1,229 @@
+#include "statemachines/sm_b.h"
+
+#include <cstdio>
+
+#include <QDebug>
+
+#include "statemachines/guardedtransition.h"
+#include "statemachines/sm_a.h"
+#include "support/buildinfo.h"
+
+// The worker emits from its own thread, so its signals reach the GUI thread queued. QStateMachine
+// connects a state's signal transitions only when that state is first entered, and it ignores
+// that a QThread object's signals come from another thread: a worker signal emitted before its
+// state had ever been entered was lost (a unit pulled right after its first read-out left the
+// flow offering an install for a missing unit). The relay is connected to the worker for the
+// machine's whole life and re-emits in the GUI thread, so the machine sees every worker signal
+// exactly as if it had been emitted directly, in the state current at delivery.
+class WorkerSignalRelay final : public QObject
+{
+    Q_OBJECT
+    Q_DISABLE_COPY_MOVE(WorkerSignalRelay)
+
+public:
+    WorkerSignalRelay(SM_A* worker, QObject* parent) : QObject(parent)
+    {
+        if (!worker)
+            return;
+        connect(worker, &SM_A::sig_NoDevConn, this, &WorkerSignalRelay::sig_NoDevConn);
+        connect(worker, &SM_A::sig_DevConn, this, &WorkerSignalRelay::sig_DevConn);
+        connect(worker, &SM_A::sig_FwUploadedDiffers, this,
+                &WorkerSignalRelay::sig_FwUploadedDiffers);
+        connect(worker, &SM_A::sig_FwUploadedMatches, this,
+                &WorkerSignalRelay::sig_FwUploadedMatches);
+    }
+
+signals:
+    void sig_NoDevConn();
+    void sig_DevConn();
+    void sig_FwUploadedDiffers();
+    void sig_FwUploadedMatches();
+};
+
+Device::Type SM_B::desired_ID = Device::Invalid;
+QString SM_B::desired_revision;
+
+namespace {
+
+// Guards read the program-wide worker; it is idle between sig_DevConn and the next
+// sig_NoDevConn, so its device_info is stable while they run.
+
+void print_type_check(const DFU::DeviceInfo& info)
+{
+    std::printf("device_has_valid_type(%i): valid %i, device_type: %i\n",
+                static_cast<int>(SM_B::desired_ID), info.valid ? 1 : 0,
+                static_cast<int>(info.type));
+    std::fflush(stdout);
+}
+
+// A blank unit can be programmed even though nothing valid could be read from it.
+bool device_OTP_is_empty()
+{
+    return sm_A && sm_A->device_info.OTP_info.empty;
+}
+
+bool device_has_wrong_type()
+{
+    if (!sm_A || !sm_A->device_info.valid)
+        return false;
+    print_type_check(sm_A->device_info);
+    return sm_A->device_info.type != SM_B::desired_ID;
+}
+
+bool device_has_other_revision()
+{
+    if (!sm_A)
+        return false;
+    const DFU::DeviceInfo& info = sm_A->device_info;
+    print_type_check(info);
+    return info.valid && info.type == SM_B::desired_ID &&
+           info.FW_revision != SM_B::desired_revision;
+}
+
+bool device_has_same_revision()
+{
+    if (!sm_A)
+        return false;
+    const DFU::DeviceInfo& info = sm_A->device_info;
+    print_type_check(info);
+    return info.valid && info.type == SM_B::desired_ID &&
+           info.FW_revision == SM_B::desired_revision;
+}
+
+QState* make_state(QStateMachine* machine, const char* name)
+{
+    auto* state = new QState;
+    state->setObjectName(QString::fromUtf8(name));
+    machine->addState(state);
+    return state;
+}
+
+} // namespace
+
+SM_B::SM_B(SM_A* worker, Device::Type desired_ID, QString desired_revision)
+    : QStateMachine(nullptr), B1(make_state(this, "B1: No (DFU-SE) dev. conn.")),
+      B2(make_state(this, "B2: Conn. to (DFU-SE) dev. with diff. FW rev.")),
+      B3(make_state(this, "B3: Upgrading FW")),
+      B4(make_state(this, "B4: Uploading and verifying FW")),
+      B6(make_state(this, "B6: FW in dev. matches")),
+      B7(make_state(this, "B7: FW in dev. differs")),
+      B8(make_state(this, "B8: Invalid (DFU-SE) dev. conn.")),
+      B9(make_state(this, "B9: Conn. to (DFU-SE) dev. with Empty OTP.")), sm_A(worker),
+      relay(new WorkerSignalRelay(worker, this))
+{
+    SM_B::desired_ID = desired_ID;
+    SM_B::desired_revision = std::move(desired_revision);
+
+    // When several transitions of one state accept the same signal, the one added first wins,
+    // so the guards are consulted in this order.
+    const auto guarded = [this](GuardedTransition::Guard guard, QState* to) {
+        auto* transition = new GuardedTransition(relay, &WorkerSignalRelay::sig_DevConn, guard);
+        transition->setTargetState(to);
+        B1->addTransition(transition);
+    };
+    guarded(device_OTP_is_empty, B9);
+    guarded(device_has_wrong_type, B8);
+    guarded(device_has_other_revision, B2);
+    guarded(device_has_same_revision, B4);
+
+    B2->addTransition(this, &SM_B::sig_DoDownload, B3);
+    B2->addTransition(relay, &WorkerSignalRelay::sig_NoDevConn, B1);
+    // B3 leaves only when the worker starts its next cycle after the download.
+    B3->addTransition(relay, &WorkerSignalRelay::sig_NoDevConn, B1);
+    // No exit from B4 on disconnect: a unit pulled while verifying fails the upload, which the
+    // worker reports as a difference.
+    B4->addTransition(relay, &WorkerSignalRelay::sig_FwUploadedMatches, B6);
+    B4->addTransition(relay, &WorkerSignalRelay::sig_FwUploadedDiffers, B7);
+    B6->addTransition(relay, &WorkerSignalRelay::sig_NoDevConn, B1);
+    B7->addTransition(this, &SM_B::sig_DoDownload, B3);
+    B7->addTransition(relay, &WorkerSignalRelay::sig_NoDevConn, B1);
+    B8->addTransition(relay, &WorkerSignalRelay::sig_NoDevConn, B1);
+    // Kept although a normal build announces a blank unit as not upgradable.
+    B9->addTransition(this, &SM_B::sig_DoDownload, B3);
+    B9->addTransition(relay, &WorkerSignalRelay::sig_NoDevConn, B1);
+
+    setInitialState(B1);
+    add_connections();
+}
+
+SM_B::~SM_B() = default;
+
+void SM_B::do_download()
+{
+    emit sig_DoDownload();
+}
+
+void SM_B::add_connections()
+{
+    connect(B1, &QState::entered, this, [this] {
+        emit sig_UpgradeImpossible();
+        device_info = DFU::DeviceInfo();
+    });
+    // B1 is left only on sig_DevConn, and its exit runs before the target's entry, so the unit's
+    // identity is known before any other announcement.
+    connect(B1, &QState::exited, this, [this] {
+        if (sm_A)
+            device_info = sm_A->device_info;
+        qInfo() << "Device connected with:\n" << device_info;
+        emit sig_DeviceConnected();
+    });
+    connect(B2, &QState::entered, this, [this] {
+        emit sig_UpgradePossible();
+        emit sig_DifferingRevision();
+    });
+    connect(B9, &QState::entered, this, [this] {
+        if (have_service_build())
+            emit sig_UpgradePossible();
+        else
+            emit sig_UpgradeImpossible();
+        emit sig_DifferingRevision();
+    });
+    connect(B3, &QState::entered, this, [this] {
+        if (sm_A)
+            sm_A->set_command(SM_A::Download);
+    });
+    connect(B4, &QState::entered, this, [this] {
+        emit sig_UploadingVerifying();
+        if (sm_A)
+            sm_A->set_command(SM_A::UploadVerify);
+    });
+    connect(B6, &QState::entered, this, [this] { emit sig_FwMatches(); });
+    connect(B7, &QState::entered, this, [this] {
+        emit sig_UpgradePossible();
+        emit sig_FwDiffers();
+    });
+    connect(B8, &QState::entered, this, [this] { emit sig_InvalidProduct(); });
+}
+
+void SM_B::enable_debug_output()
+{
+    qDebug() << "SM_B: Add connections to show emitted signals";
+
+    const struct
+    {
+        void (SM_B::*signal)();
+        const char* name;
+    } emitted[] = {
+        {&SM_B::sig_UpgradeImpossible, "UpgradeImpossible"},
+        {&SM_B::sig_UpgradePossible, "UpgradePossible"},
+        {&SM_B::sig_DifferingRevision, "DifferingRevision"},
+        {&SM_B::sig_DoDownload, "DoDownload"},
+        {&SM_B::sig_UploadingVerifying, "UploadingVerifying"},
+        {&SM_B::sig_FwMatches, "FwMatches"},
+        {&SM_B::sig_FwDiffers, "FwDiffers"},
+        {&SM_B::sig_DeviceConnected, "DeviceConnected"},
+        {&SM_B::sig_InvalidProduct, "InvalidProduct"},
+    };
+    for (const auto& s : emitted) {
+        const QString line = QStringLiteral("SM_B: /sig_%1").arg(QString::fromUtf8(s.name));
+        connect(this, s.signal, this, [line] { qDebug() << line; });
+    }
+
+    // B9 is left out on purpose: its entry is announced by its signals only.
+    for (QState* state : {B1, B2, B3, B4, B6, B7, B8}) {
+        const QString line = QStringLiteral("SM_B: entered %1").arg(state->objectName());
+        connect(state, &QState::entered, this, [line] { qDebug() << line; });
+    }
+}
+
+#include "sm_b.moc"
