@@ -238,7 +238,6 @@ private slots:
     void transitions_from_worker_thread_data() { transitions_data(); }
     void transitions_from_worker_thread() { run_transitions(true); }
 
-    void state_names();
     void device_info_is_copied_before_the_unit_is_announced();
     void no_program_wide_worker_drops_the_read_out();
     void debug_output_data();
@@ -382,24 +381,6 @@ void tst_SM_B::run_transitions(bool from_worker_thread)
     QTEST(rig.emitted, "emitted");
     QTEST(printed, "printed");
     QTEST(static_cast<int>(rig.worker.get_command()), "command");
-}
-
-void tst_SM_B::state_names()
-{
-    Rig rig;
-    QStringList names;
-    for (QState* state : rig.machine.findChildren<QState*>(Qt::FindDirectChildrenOnly))
-        names << state->objectName();
-    QCOMPARE(names, (QStringList{
-                        "B1: No (DFU-SE) dev. conn.",
-                        "B2: Conn. to (DFU-SE) dev. with diff. FW rev.",
-                        "B3: Upgrading FW",
-                        "B4: Uploading and verifying FW",
-                        "B6: FW in dev. matches",
-                        "B7: FW in dev. differs",
-                        "B8: Invalid (DFU-SE) dev. conn.",
-                        "B9: Conn. to (DFU-SE) dev. with Empty OTP.",
-                    }));
 }
 
 void tst_SM_B::device_info_is_copied_before_the_unit_is_announced()
