@@ -39,13 +39,22 @@ QByteArray markers_at(int beg, int end)
     return Bytes(2048).put(beg, InfoBlock().header()).put(end, le32(fw_end_marker));
 }
 
-// A block whose end marker lands at end, holding as many pairs as fit before it.
+// A block with the given number of pairs "key<i>" = "value<i>", placed so that its end marker
+// lands at end.
 QByteArray block_ending_at(int end, int pairs)
 {
     QList<Pair> details;
     for (int i = 0; i < pairs; ++i)
         details << Pair("key" + QByteArray::number(i), "value" + QByteArray::number(i));
     return Bytes(2048).put(end - 72 - 64 * pairs, InfoBlock().with_details(details));
+}
+
+QStringList numbered_details(int pairs)
+{
+    QStringList out;
+    for (int i = 0; i < pairs; ++i)
+        out << QStringLiteral("key%1=value%1").arg(i);
+    return out;
 }
 
 const QList<Pair> three_details = {
@@ -97,16 +106,10 @@ void tst_FwInfo::parse_data()
     QTest::newRow("block is the whole image") << InfoBlock().with_details({{"k", "v"}}).bytes()
                                               << true << name << rev << QStringList{"k=v"} << none;
     QTest::newRow("29 pairs, the most that fit")
-        << block_ending_at(1928, 29) << true << name << rev << flat([] {
-               QList<QPair<QString, QString>> l;
-               for (int i = 0; i < 29; ++i)
-                   l.append({QStringLiteral("key%1").arg(i), QStringLiteral("value%1").arg(i)});
-               return l;
-           }())
-        << none;
+        << block_ending_at(1928, 29) << true << name << rev << numbered_details(29) << none;
 
     QTest::newRow("end marker at 1948")
-        << block_ending_at(1948, 1) << true << name << rev << QStringList{"key0=value0"} << none;
+        << block_ending_at(1948, 1) << true << name << rev << numbered_details(1) << none;
     QTest::newRow("end marker at 1949, silently out")
         << block_ending_at(1949, 1) << false << QString() << QString() << none << none;
     QTest::newRow("begin marker at 1948 passes the limit")
