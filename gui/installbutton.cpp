@@ -1,0 +1,12 @@
+#include "gui/installbutton.h"
+
+#include <QDebug>
+
+InstallButton::InstallButton(QWidget* parent) : QPushButton(parent)
+{
+    setFlat(false);
+    setEnabled(true);
+    setMinimumHeight(30);
+    setObjectName(QStringLiteral("GUI_8"));
+    connect(this, &QPushButton::clicked, this, [] { qInfo() << "Install clicked"; });
+}

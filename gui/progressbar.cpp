@@ -1,0 +1,71 @@
+#include "gui/progressbar.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include <QTimer>
+
+ProgressBar::ProgressBar(QWidget* parent)
+    : QProgressBar(parent), min_interval_(50), timer_(new QTimer(this)), duration_(10000)
+{
+    setup_GUI();
+    connect(timer_, &QTimer::timeout, this, &ProgressBar::increase);
+}
+
+void ProgressBar::setup_GUI()
+{
+    setRange(0, 100);
+    setStyleSheet(QStringLiteral("\n"
+                                 "QProgressBar {\n"
+                                 "    border: 2px solid grey;\n"
+                                 "    border-radius: 5px;\n"
+                                 "    text-align: center;\n"
+                                 "}\n"
+                                 "\n"
+                                 "QProgressBar::chunk {\n"
+                                 "    background-color: rgba(160,240,140,100%);\n"
+                                 "    width: 5px;\n"
+                                 "}\n"));
+}
+
+int ProgressBar::value_at(std::int32_t steps, qint64 elapsed, std::int32_t duration)
+{
+    return int(double(steps) * (double(elapsed) / double(duration)));
+}
+
+void ProgressBar::startAutoProgress(const QString& format, double seconds)
+{
+    timer_->stop();
+    setValue(minimum());
+    setFormat(format);
+    if (seconds >= 0) {
+        // Clamp before converting: a huge value must not overflow into a negative duration.
+        const double ms = std::min(seconds * 1000.0, double(INT32_MAX));
+        duration_ = std::max<std::int32_t>(std::int32_t(ms), 1);
+    }
+    startAutoProgress();
+}
+
+void ProgressBar::startAutoProgress()
+{
+    steps_ = std::max(maximum() - minimum(), 1);
+    const int interval = std::max(duration_ / steps_, min_interval_);
+    setValue(minimum());
+    timer_->setInterval(interval);
+    timer_->start();
+    clock_.start();
+    show();
+}
+
+void ProgressBar::increase()
+{
+    // A stray tick before the first start has no clock to read.
+    if (!clock_.isValid())
+        return;
+    setValue(value_at(steps_, clock_.elapsed(), duration_));
+    if (clock_.elapsed() > duration_) {
+        timer_->stop();
+        setValue(maximum());
+        emit finished();
+    }
+}

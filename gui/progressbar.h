@@ -1,0 +1,42 @@
+// A progress bar that fills itself over an expected duration and reports when the time is up.
+#pragma once
+
+#include <cstdint>
+
+#include <QElapsedTimer>
+#include <QProgressBar>
+#include <QString>
+
+class QTimer;
+
+class ProgressBar final : public QProgressBar
+{
+    Q_OBJECT
+    Q_DISABLE_COPY_MOVE(ProgressBar)
+
+public:
+    explicit ProgressBar(QWidget* parent);
+
+    void setup_GUI();
+
+    std::int32_t duration() const { return duration_; }
+    QTimer* timer() const { return timer_; }
+
+    // The value after elapsed of duration milliseconds, before the time is up.
+    static int value_at(std::int32_t steps, qint64 elapsed, std::int32_t duration);
+
+signals:
+    void finished();
+
+public slots:
+    void startAutoProgress(const QString& format, double seconds = -1.0);
+    void startAutoProgress();
+    void increase();
+
+private:
+    std::int32_t steps_ = 1;
+    std::int32_t min_interval_ = 50;
+    QTimer* timer_ = nullptr;
+    QElapsedTimer clock_;
+    std::int32_t duration_ = 10000;
+};
