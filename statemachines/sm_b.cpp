@@ -1,6 +1,7 @@
 #include "statemachines/sm_b.h"
 
 #include <cstdio>
+#include <utility>
 
 #include <QDebug>
 
