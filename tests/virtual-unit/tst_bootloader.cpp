@@ -44,6 +44,7 @@ private slots:
     void requestSequences_data();
     void requestSequences();
     void leaveRecordsTheAbsence();
+    void stateOutlivesTheRun();
 
 private:
     void openUnit(quint8 initial);
@@ -300,6 +301,27 @@ void tst_Bootloader::leaveRecordsTheAbsence()
     QCOMPARE(vu_conf_get_int(&conf, "leaves", 0), 1LL);
     QVERIFY(!vu_conf_present(&conf, before));
     QVERIFY(vu_conf_present(&conf, vu_conf_get_int(&conf, "left_at_ms", 0) + VU_DEFAULT_ABSENT_MS));
+}
+
+// A run that dies mid-upload leaves the next run a unit in dfuUPLOAD-IDLE; leaving DFU mode
+// resets that.
+void tst_Bootloader::stateOutlivesTheRun()
+{
+    openUnit(0x00);
+    const QByteArray dir = QFile::encodeName(m_dir.path());
+    for (const char* step : {"set 08000000 -> ok", "abort -> 0", "upload 2 800 -> 800"})
+        runStep(QLatin1String(step));
+    vu_bootloader_close(&m_unit);
+    vu_conf conf{};
+    QCOMPARE(vu_conf_load(&conf, dir.constData()), 0);
+    QCOMPARE(vu_bootloader_open(&m_unit, dir.constData(), &conf), 0);
+    for (const char* step :
+         {"status -> 9/0", "abort -> 0", "set 08000000 -> ok", "leave -> 0", "status -> 7/0"})
+        runStep(QLatin1String(step));
+    vu_bootloader_close(&m_unit);
+    QCOMPARE(vu_conf_load(&conf, dir.constData()), 0);
+    QCOMPARE(vu_bootloader_open(&m_unit, dir.constData(), &conf), 0);
+    runStep(QStringLiteral("status -> 2/0"));
 }
 
 QTEST_GUILESS_MAIN(tst_Bootloader)

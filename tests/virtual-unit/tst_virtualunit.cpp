@@ -425,18 +425,24 @@ void tst_VirtualUnit::faults()
     QCOMPARE(listedLines(), listedAfter);
 }
 
+// The failed run leaves the unit in dfuUPLOAD-IDLE, as a real one stays; the next run must
+// abort that before it can read.
 void tst_VirtualUnit::faultArmedOnceFiresOnce()
 {
     setUp({QStringLiteral("create --timing fast --firmware %firmware"),
-           QStringLiteral("inject --fail-after 0 --once")});
+           QStringLiteral("inject --fail-after 2048 --once")});
     const QStringList upload{QStringLiteral("-d"), QStringLiteral("0483"),
                              QStringLiteral("-a"), QStringLiteral("0"),
-                             QStringLiteral("-s"), QStringLiteral("0x08000000:2048"),
+                             QStringLiteral("-s"), QStringLiteral("0x08000000:8192"),
                              QStringLiteral("-U"), m_out};
     QCOMPARE(dfuUtil(upload).exitCode, 74);
-    QVERIFY(QFile::remove(m_out));
-    QCOMPARE(dfuUtil(upload).exitCode, 0);
     QCOMPARE(readAll(m_out), m_image.left(2048));
+    QVERIFY(QFile::remove(m_out));
+
+    const Run again = dfuUtil(upload);
+    QCOMPARE(again.exitCode, 0);
+    QVERIFY(again.out.contains(QLatin1String("DFU state(9) = dfuUPLOAD-IDLE")));
+    QCOMPARE(readAll(m_out), m_image.left(8192));
 }
 
 void tst_VirtualUnit::badControlInputLeavesUnitAlone_data()

@@ -322,6 +322,9 @@ static void drop_off_bus(struct vu_bootloader* unit, int unplugged)
 {
     long long now = vu_now_ms();
     unit->gone = 1;
+    /* It enumerates afresh, in dfuIDLE. */
+    vu_conf_remove(&unit->conf, "dfu_state");
+    vu_conf_remove(&unit->conf, "dfu_status");
     if (unplugged) {
         vu_conf_set_int(&unit->conf, "plugged", 0);
         vu_conf_set_int(&unit->conf, "unplugged_at_ms", now);
@@ -558,6 +561,10 @@ static int get_status(struct vu_bootloader* unit, uint8_t* data, uint16_t length
     default:
         break;
     }
+    /* poll_ms makes every answer ask for the same pause, to see how dfu-util's time scales. */
+    long long fixed = vu_conf_get_int(&unit->conf, "poll_ms", -1);
+    if (fixed >= 0)
+        poll = (uint32_t)fixed;
     data[0] = unit->status;
     data[1] = poll & 0xff;
     data[2] = (poll >> 8) & 0xff;
@@ -638,8 +645,15 @@ int vu_bootloader_open(struct vu_bootloader* unit, const char* dir, const struct
              vu_conf_get(conf, "serial", VU_DEFAULT_SERIAL));
     unit->conf = *conf;
     memcpy(unit->option_bytes, default_option_bytes, sizeof unit->option_bytes);
-    unit->state = VU_dfuIDLE;
-    unit->status = VU_OK;
+    /* A powered unit keeps its DFU state between runs: a run that died mid-upload leaves it
+     * in dfuUPLOAD-IDLE, and the next run has to abort first. */
+    unit->state = (uint8_t)vu_conf_get_int(conf, "dfu_state", VU_dfuIDLE);
+    unit->status = (uint8_t)vu_conf_get_int(conf, "dfu_status", VU_OK);
+    if (unit->state != VU_dfuDNLOAD_IDLE && unit->state != VU_dfuUPLOAD_IDLE &&
+        unit->state != VU_dfuERROR)
+        unit->state = VU_dfuIDLE;
+    unit->opened_state = unit->state;
+    unit->opened_status = unit->status;
     char path[4096];
     if (vu_path(path, sizeof path, dir, VU_FILE_FLASH) == 0)
         unit->flash_fd = open(path, O_RDWR | O_CLOEXEC);
@@ -656,6 +670,17 @@ int vu_bootloader_open(struct vu_bootloader* unit, const char* dir, const struct
 
 void vu_bootloader_close(struct vu_bootloader* unit)
 {
+    if (!unit->gone && unit->flash_fd >= 0) {
+        /* A command whose completion nobody polled for is dropped. */
+        uint8_t state = unit->state;
+        if (state == VU_dfuDNLOAD_SYNC || state == VU_dfuDNBUSY || state == VU_dfuMANIFEST_SYNC)
+            state = VU_dfuDNLOAD_IDLE;
+        if (state != unit->opened_state || unit->status != unit->opened_status) {
+            vu_conf_set_int(&unit->conf, "dfu_state", state);
+            vu_conf_set_int(&unit->conf, "dfu_status", unit->status);
+            save_conf(unit);
+        }
+    }
     if (unit->flash_fd >= 0)
         close(unit->flash_fd);
     if (unit->otp_fd >= 0)

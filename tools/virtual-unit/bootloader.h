@@ -60,6 +60,9 @@ struct vu_bootloader
     int alt;
     uint8_t state;
     uint8_t status;
+    /* What the unit was in when this run opened it; close saves a change. */
+    uint8_t opened_state;
+    uint8_t opened_status;
     uint32_t pointer;
     enum vu_command pending;
     uint32_t pending_address;

@@ -121,6 +121,13 @@ Error applySettings(const QCommandLineParser& args, vu_conf* conf)
             return QStringLiteral("--timing takes real or fast, not \"%1\"").arg(timing);
         vu_conf_set(conf, "timing", timing.toLatin1().constData());
     }
+    if (args.isSet(QStringLiteral("poll-ms"))) {
+        long long ms = 0;
+        if (Error e = parseNumber(args.value(QStringLiteral("poll-ms")), "--poll-ms", &ms);
+            !e.isEmpty())
+            return e;
+        vu_conf_set_int(conf, "poll_ms", ms);
+    }
     if (args.isSet(QStringLiteral("absent-ms"))) {
         long long ms = 0;
         if (Error e = parseNumber(args.value(QStringLiteral("absent-ms")), "--absent-ms", &ms);
@@ -232,8 +239,11 @@ Error plug(const QString& dir, bool plugged)
     const bool was = vu_conf_get_int(conf, "plugged", 0) == 1;
     vu_conf_set_int(conf, "plugged", plugged ? 1 : 0);
     vu_conf_set_int(conf, plugged ? "plugged_at_ms" : "unplugged_at_ms", vu_now_ms());
-    // Pulling the cable ends a pending absence; plugging in again enumerates anew.
+    // Pulling the cable ends a pending absence and resets the bootloader; plugging in again
+    // enumerates anew.
     vu_conf_set_int(conf, "left_at_ms", 0);
+    vu_conf_remove(conf, "dfu_state");
+    vu_conf_remove(conf, "dfu_status");
     if (plugged && !was)
         vu_conf_set_int(conf, "enumerations", vu_conf_get_int(conf, "enumerations", 0) + 1);
     return unit.save();
@@ -403,6 +413,9 @@ int main(int argc, char* argv[])
         {QStringLiteral("timing"),
          QStringLiteral("real (poll times of a real unit, the default) or fast (none)."),
          QStringLiteral("real|fast")},
+        {QStringLiteral("poll-ms"),
+         QStringLiteral("Poll time every status answer asks for, in place of --timing."),
+         QStringLiteral("ms")},
         {QStringLiteral("absent-ms"),
          QStringLiteral("Time the unit stays off the bus after leaving DFU mode (2000)."),
          QStringLiteral("ms")},
