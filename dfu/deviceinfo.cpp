@@ -34,7 +34,7 @@ QDebug operator<<(QDebug dbg, const DeviceInfo& info)
     return dbg;
 }
 
-CommandResult read_device_info(const DeviceItem* /*device*/, DeviceInfo* info)
+CommandResult read_device_info(const DeviceItem* device, DeviceInfo* info)
 {
     const QString path = working_file(Files::uploaded_OTP_fileName_bin);
     support_misc::ensure_file_is_deleted(path);
@@ -50,7 +50,7 @@ CommandResult read_device_info(const DeviceItem* /*device*/, DeviceInfo* info)
     info->valid = true;
     qInfo() << QString(info->OTP_info);
 
-    info->FW_info = read_FW_Info(nullptr);
+    info->FW_info = read_FW_Info(device);
     if (info->FW_info.product != info->OTP_info.product) {
         // A service build may give a blank unit its first firmware.
         const bool accept = info->OTP_info.empty && have_service_build();
