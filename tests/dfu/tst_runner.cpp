@@ -60,12 +60,10 @@ private slots:
     void exit_code();
     void crashing_tool();
     void missing_tool();
-    void program_without_path();
     void id_missing_from_table_data();
     void id_missing_from_table();
     void list_start_line_data();
     void list_start_line();
-    void tool_writes_upload_target();
     void waits_past_time_limit();
 
 private:
@@ -94,7 +92,6 @@ void tst_Runner::cleanup()
     DFU::Command::path.clear();
     qunsetenv("LUMAXIS_FAKE_EXIT_CODE");
     qunsetenv("LUMAXIS_FAKE_STDERR");
-    qunsetenv("LUMAXIS_FAKE_WRITE_TEXT");
     QLoggingCategory::setFilterRules(QString());
 }
 
@@ -223,16 +220,6 @@ void tst_Runner::missing_tool()
                           "info: will wait again, forever"}));
 }
 
-void tst_Runner::program_without_path()
-{
-    DFU::Command::path.clear();
-    use_program(DFU::version, tool_, {"-V"});
-
-    const DFU::CommandResult result = DFU::run_command(DFU::version, {"--more"});
-    QCOMPARE(result.exit_code, 0);
-    QCOMPARE(result.output, QStringLiteral("-V\n--more\n"));
-}
-
 void tst_Runner::id_missing_from_table_data()
 {
     QTest::addColumn<DFU::CmdID>("id");
@@ -275,22 +262,6 @@ void tst_Runner::list_start_line()
     QCOMPARE(result.exit_code, 0);
     QCOMPARE(result.output, QStringLiteral("-d\n0483\n-l\n"));
     QCOMPARE(capture.lines(), log);
-}
-
-void tst_Runner::tool_writes_upload_target()
-{
-    DFU::Command::path.clear();
-    const QString writer = QStringLiteral(LUMAXIS_FAKE_WRITE);
-    use_program(DFU::upload_OTP, writer, DFU::commands.value(DFU::upload_OTP).args);
-    qputenv("LUMAXIS_FAKE_WRITE_TEXT", "OTP bytes");
-    QTemporaryDir dir;
-    QVERIFY(dir.isValid());
-    const QString target = dir.filePath(QStringLiteral("uploaded_OTP.bin"));
-
-    QCOMPARE(DFU::run_command(DFU::upload_OTP, {target}).exit_code, 0);
-    QFile file(target);
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    QCOMPARE(file.readAll(), QByteArray("OTP bytes"));
 }
 
 void tst_Runner::waits_past_time_limit()

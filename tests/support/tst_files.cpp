@@ -44,7 +44,6 @@ class tst_Files final : public QObject
 private slots:
     void cleanup();
 
-    void names();
     void names_are_ready_before_main();
     void directory_is_made_under_temp_path();
     void extract_data();
@@ -63,20 +62,6 @@ void tst_Files::cleanup()
         if (id < Files::dfu_util || id > Files::uploaded_OTP_bin)
             Files::basename.remove(id);
     }
-}
-
-void tst_Files::names()
-{
-    const QMap<Files::ID, QString> expected{
-        {Files::dfu_util, "dfu-util"},
-        {Files::libusb, "libusb-1.0.so.0"},
-        {Files::desired_FW_dfu, "firmware.dfu"},
-        {Files::desired_FW_bin, "firmware.bin"},
-        {Files::uploaded_FW_bin, "uploaded_FW.bin"},
-        {Files::uploaded_FW_info_bin, "uploaded_FW_info.bin"},
-        {Files::uploaded_OTP_bin, "uploaded_OTP.bin"},
-    };
-    QCOMPARE(Files::basename, expected);
 }
 
 void tst_Files::names_are_ready_before_main()
