@@ -98,6 +98,7 @@ private slots:
     void faults_data();
     void faults();
     void faultArmedOnceFiresOnce();
+    void generatedImageCarriesRevision();
     void badControlInputLeavesUnitAlone_data();
     void badControlInputLeavesUnitAlone();
 
@@ -445,6 +446,18 @@ void tst_VirtualUnit::faultArmedOnceFiresOnce()
     QCOMPARE(readAll(m_out), m_image.left(8192));
 }
 
+void tst_VirtualUnit::generatedImageCarriesRevision()
+{
+    setUp({QStringLiteral("create --timing fast --type 5 --qualifiers 010203 --revision 2.2.1")});
+    const Run r = dfuUtil({QStringLiteral("-d"), QStringLiteral("0483"), QStringLiteral("-a"),
+                           QStringLiteral("0"), QStringLiteral("-s"),
+                           QStringLiteral("0x08000000:2048"), QStringLiteral("-U"), m_out});
+    QCOMPARE(r.exitCode, 0);
+    const QByteArray block = readAll(m_out).mid(0x200);
+    QCOMPARE(block.left(8), QByteArray("\x12\x47\x23\x01\x05\x01\x02\x03", 8));
+    QCOMPARE(block.mid(40, 6), QByteArray("2.2.1\0", 6));
+}
+
 void tst_VirtualUnit::badControlInputLeavesUnitAlone_data()
 {
     QTest::addColumn<QString>("command");
@@ -461,6 +474,9 @@ void tst_VirtualUnit::badControlInputLeavesUnitAlone_data()
         << QStringLiteral("create --firmware %unit/none.bin") << 1 << QStringLiteral("cannot read");
     QTest::newRow("firmware larger than flash") << QStringLiteral("create --firmware %unit/big.bin")
                                                 << 1 << QStringLiteral("more than the 1048576");
+    QTest::newRow("image from a file and a revision")
+        << QStringLiteral("create --firmware %firmware --revision 2.2.1") << 1
+        << QStringLiteral("excludes");
     QTest::newRow("two OTP sources") << QStringLiteral("create --type 3 --blank-otp") << 1
                                      << QStringLiteral("exclude each other");
     QTest::newRow("unknown direction")

@@ -1,4 +1,6 @@
 // lumaxis-virtual-unit: creates, plugs, unplugs, shows and arms faults on a virtual DfuSe unit.
+#include <array>
+#include <cstdint>
 #include <cstdio>
 
 #include <QCommandLineParser>
@@ -8,6 +10,7 @@
 #include <QRegularExpression>
 #include <QSaveFile>
 
+#include "tools/imagetool/firmwareimage.h"
 #include "tools/virtual-unit/unitstate.h"
 
 namespace {
@@ -18,6 +21,14 @@ constexpr int exitFailure = 1;
 constexpr int lockTimeoutMs = 30000;
 
 const QByteArray otpMarker("\x11\x47\x23\x01", 4);
+
+template <std::size_t N> std::array<std::uint8_t, N> toArray(const QByteArray& bytes)
+{
+    std::array<std::uint8_t, N> out{};
+    for (std::size_t i = 0; i < N && i < std::size_t(bytes.size()); ++i)
+        out[i] = std::uint8_t(bytes.at(qsizetype(i)));
+    return out;
+}
 
 // Every step reports its failure as a message for the user; empty means it went well.
 using Error = QString;
@@ -147,6 +158,22 @@ Error checkSerial(const QString& serial)
     return {};
 }
 
+// The product the unit claims: from --type and --qualifiers, type 3 when they are not given.
+Error identity(const QCommandLineParser& args, ImageTool::Identity* id)
+{
+    long long type = 0;
+    QByteArray qualifiers;
+    Error e = parseNumber(args.value(QStringLiteral("type")), "--type", &type);
+    if (e.isEmpty() && type > 255)
+        e = QStringLiteral("--type is one byte, not %1").arg(type);
+    if (e.isEmpty())
+        e = parseHex(args.value(QStringLiteral("qualifiers")), 3, "--qualifiers", &qualifiers);
+    id->type = std::uint8_t(type);
+    id->qualifiers = toArray<3>(qualifiers);
+    return e;
+}
+
+// 512 bytes of OTP area and the 16-byte lock block after it, which stays blank.
 Error makeOtpArea(const QCommandLineParser& args, QByteArray* otp)
 {
     *otp = QByteArray(VU_OTP_SIZE, char(0xFF));
@@ -160,32 +187,37 @@ Error makeOtpArea(const QCommandLineParser& args, QByteArray* otp)
         otp->replace(0, bytes.size(), bytes);
         return {};
     }
-    long long type = 0;
-    QByteArray qualifiers, data;
-    Error e = parseNumber(args.value(QStringLiteral("type")), "--type", &type);
-    if (e.isEmpty() && type > 255)
-        e = QStringLiteral("--type is one byte, not %1").arg(type);
-    if (e.isEmpty())
-        e = parseHex(args.value(QStringLiteral("qualifiers")), 3, "--qualifiers", &qualifiers);
+    ImageTool::Identity id;
+    QByteArray data;
+    Error e = identity(args, &id);
     if (e.isEmpty())
         e = parseHex(args.value(QStringLiteral("otp-data")), 8, "--otp-data", &data);
     if (!e.isEmpty())
         return e;
-    const QByteArray record = otpMarker + QByteArray(1, char(type)) + qualifiers + data;
-    otp->replace(0, record.size(), record);
+    const QByteArray area =
+        ImageTool::make_otp_area(ImageTool::make_otp_record(id, toArray<8>(data)));
+    otp->replace(0, area.size(), area);
     return {};
 }
 
 Error makeFlash(const QCommandLineParser& args, QByteArray* flash)
 {
     *flash = QByteArray(VU_FLASH_SIZE, char(0xFF));
-    if (!args.isSet(QStringLiteral("firmware")))
-        return {};
     QByteArray image;
-    if (Error e = readFile(args.value(QStringLiteral("firmware")), VU_FLASH_SIZE, "firmware image",
-                           &image);
-        !e.isEmpty())
-        return e;
+    if (args.isSet(QStringLiteral("firmware"))) {
+        if (Error e = readFile(args.value(QStringLiteral("firmware")), VU_FLASH_SIZE,
+                               "firmware image", &image);
+            !e.isEmpty())
+            return e;
+    } else if (args.isSet(QStringLiteral("revision"))) {
+        ImageTool::InfoBlock block;
+        if (Error e = identity(args, &block.identity); !e.isEmpty())
+            return e;
+        block.revision = args.value(QStringLiteral("revision")).toUtf8();
+        if (args.isSet(QStringLiteral("name")))
+            block.name = args.value(QStringLiteral("name")).toUtf8();
+        image = ImageTool::make_image(block);
+    }
     flash->replace(0, image.size(), image);
     return {};
 }
@@ -197,6 +229,9 @@ Error create(const QCommandLineParser& args, const QString& dir)
                         int(args.isSet(QStringLiteral("type")));
     if (sources > 1)
         return QStringLiteral("--type, --otp and --blank-otp exclude each other");
+    if (args.isSet(QStringLiteral("firmware")) &&
+        (args.isSet(QStringLiteral("revision")) || args.isSet(QStringLiteral("name"))))
+        return QStringLiteral("--firmware excludes --revision and --name");
     const QString serial = args.value(QStringLiteral("serial"));
     QByteArray otp, flash;
     Error e = checkSerial(serial);
@@ -409,6 +444,12 @@ int main(int argc, char* argv[])
         {QStringLiteral("firmware"),
          QStringLiteral("create: raw image written at 0x08000000; the rest stays erased."),
          QStringLiteral("file")},
+        {QStringLiteral("revision"),
+         QStringLiteral("create: flash holds a generated image of this revision, for the "
+                        "product of --type and --qualifiers."),
+         QStringLiteral("text")},
+        {QStringLiteral("name"), QStringLiteral("create: the generated image's firmware name."),
+         QStringLiteral("text")},
         {QStringLiteral("unplugged"), QStringLiteral("create: start unplugged.")},
         {QStringLiteral("timing"),
          QStringLiteral("real (poll times of a real unit, the default) or fast (none)."),
