@@ -43,7 +43,6 @@ private slots:
     void flashBehavesLikeFlash();
     void requestSequences_data();
     void requestSequences();
-    void leaveRecordsTheAbsence();
     void stateOutlivesTheRun();
 
 private:
@@ -287,20 +286,6 @@ void tst_Bootloader::requestSequences()
             return;
         }
     }
-}
-
-void tst_Bootloader::leaveRecordsTheAbsence()
-{
-    openUnit(0x00);
-    const long long before = vu_now_ms();
-    runStep(QStringLiteral("leave -> 0"));
-    runStep(QStringLiteral("status -> 7/0"));
-    vu_conf conf{};
-    QCOMPARE(vu_conf_load(&conf, QFile::encodeName(m_dir.path()).constData()), 0);
-    QVERIFY(vu_conf_get_int(&conf, "left_at_ms", 0) >= before);
-    QCOMPARE(vu_conf_get_int(&conf, "leaves", 0), 1LL);
-    QVERIFY(!vu_conf_present(&conf, before));
-    QVERIFY(vu_conf_present(&conf, vu_conf_get_int(&conf, "left_at_ms", 0) + VU_DEFAULT_ABSENT_MS));
 }
 
 // A run that dies mid-upload leaves the next run a unit in dfuUPLOAD-IDLE; leaving DFU mode

@@ -466,10 +466,6 @@ void tst_VirtualUnit::badControlInputLeavesUnitAlone_data()
 
     QTest::newRow("type beyond a byte")
         << QStringLiteral("create --type 300") << 1 << QStringLiteral("--type is one byte");
-    QTest::newRow("serial with a dash")
-        << QStringLiteral("create --serial AB-CD") << 1 << QStringLiteral("serial number");
-    QTest::newRow("short qualifiers") << QStringLiteral("create --qualifiers FFFF") << 1
-                                      << QStringLiteral("--qualifiers must be");
     QTest::newRow("missing firmware")
         << QStringLiteral("create --firmware %unit/none.bin") << 1 << QStringLiteral("cannot read");
     QTest::newRow("firmware larger than flash") << QStringLiteral("create --firmware %unit/big.bin")
@@ -479,11 +475,6 @@ void tst_VirtualUnit::badControlInputLeavesUnitAlone_data()
         << QStringLiteral("excludes");
     QTest::newRow("two OTP sources") << QStringLiteral("create --type 3 --blank-otp") << 1
                                      << QStringLiteral("exclude each other");
-    QTest::newRow("unknown direction")
-        << QStringLiteral("inject --fail-after 0 --direction sideways") << 1
-        << QStringLiteral("--direction takes");
-    QTest::newRow("unknown timing")
-        << QStringLiteral("inject --timing slow") << 1 << QStringLiteral("--timing takes");
     QTest::newRow("unknown command")
         << QStringLiteral("frobnicate") << 2 << QStringLiteral("unknown command");
 }
