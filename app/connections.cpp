@@ -1,0 +1,119 @@
+#include "app/connections.h"
+
+#include <QApplication>
+#include <QDeadlineTimer>
+#include <QDebug>
+#include <QKeySequence>
+#include <QLabel>
+#include <QShortcut>
+
+#include "app/shell.h"
+#include "gui/installbutton.h"
+#include "gui/logwindow.h"
+#include "gui/mainwindow.h"
+#include "gui/progressbar.h"
+#include <QTimer>
+#include "gui/settings.h"
+#include "statemachines/sm_a.h"
+#include "statemachines/sm_b.h"
+
+namespace {
+
+QString settings_text(const char* id)
+{
+    return settings.gui.text(QString::fromLatin1(id));
+}
+
+void show_revision_text()
+{
+    const QString product = sm_B->device_info.OTP_info.product_name();
+    const QString revision = sm_B->device_info.FW_revision;
+    const QString text = revision.isEmpty()
+                             ? settings_text("status_devRevUnknown").arg(product)
+                             : settings_text("status_devRev").arg(product, revision);
+    mainWindow->statusLabel()->setText(text);
+}
+
+void stop_worker()
+{
+    qInfo() << "Trying to stop sm_A";
+    sm_A->do_stop();
+    if (!sm_A->wait(QDeadlineTimer(1000))) {
+        qWarning() << "Oops, SM_A not dead yet";
+        sm_A->terminate();
+        sm_A->wait();
+    }
+}
+
+void on_fw_matches()
+{
+    ProgressBar* bar = mainWindow->progressBar();
+    bar->timer()->stop();
+    bar->setValue(bar->maximum());
+    bar->setFormat(QStringLiteral("Done. Disconnect USB cable."));
+    show_revision_text();
+}
+
+void on_fw_differs()
+{
+    show_revision_text();
+    ProgressBar* bar = mainWindow->progressBar();
+    bar->timer()->stop();
+    bar->setValue(bar->minimum());
+    // The caption is kept although the bar hides at once, so a later show without a new
+    // format still explains itself.
+    bar->setFormat(QStringLiteral("FW differs"));
+    bar->hide();
+}
+
+void toggle_log_window()
+{
+    if (logWindow)
+        logWindow->toggle_visibility(mainWindow.data());
+}
+
+} // namespace
+
+void add_connections(QApplication* app)
+{
+    MainWindow* window = mainWindow.data();
+
+    QObject::connect(window, &MainWindow::finished, [] {
+        qInstallMessageHandler(nullptr);
+        qInfo() << "Msg-handler reset";
+    });
+    QObject::connect(window, &MainWindow::finished, sm_B, &QStateMachine::stop);
+    QObject::connect(window, &MainWindow::finished, stop_worker);
+    QObject::connect(sm_B, &QState::finished, app, &QCoreApplication::quit);
+    QObject::connect(sm_B, &SM_B::sig_UpgradeImpossible, window, &MainWindow::disableDownload);
+    QObject::connect(sm_B, &SM_B::sig_UpgradePossible, window, &MainWindow::enableDownload);
+    QObject::connect(sm_B, &SM_B::sig_DeviceConnected, [] {
+        const QString product = sm_B->device_info.OTP_info.product_name();
+        mainWindow->statusLabel()->setText(settings_text("status_devConn").arg(product));
+    });
+    QObject::connect(sm_B, &SM_B::sig_DifferingRevision, show_revision_text);
+    QObject::connect(sm_B, &SM_B::sig_UpgradeImpossible, window, [window] {
+        window->statusLabel()->setText(settings_text("status_noDev"));
+        window->progressBar()->setFormat(QStringLiteral("This text should not be visible!"));
+        window->progressBar()->hide();
+    });
+    QObject::connect(window->installButton(), &QAbstractButton::clicked, sm_B, &SM_B::do_download);
+    QObject::connect(sm_B, &SM_B::sig_DoDownload, [] {
+        mainWindow->progressBar()->startAutoProgress(QStringLiteral("Upgrading firmware"), 100.0);
+    });
+    QObject::connect(sm_B, &SM_B::sig_UploadingVerifying, [] {
+        mainWindow->progressBar()->startAutoProgress(QStringLiteral("Uploading & verifying"), 0.5);
+    });
+    QObject::connect(sm_B, &SM_B::sig_FwMatches, on_fw_matches);
+    QObject::connect(sm_B, &SM_B::sig_FwDiffers, on_fw_differs);
+
+    const QKeySequence toggle_keys(Qt::CTRL | Qt::Key_L);
+    auto* main_shortcut = new QShortcut(toggle_keys, window);
+    main_shortcut->setContext(Qt::WindowShortcut);
+    QObject::connect(main_shortcut, &QShortcut::activated, toggle_log_window);
+    if (logWindow) {
+        auto* log_shortcut = new QShortcut(toggle_keys, logWindow->dialog());
+        log_shortcut->setContext(Qt::WindowShortcut);
+        QObject::connect(log_shortcut, &QShortcut::activated, toggle_log_window);
+    }
+}
