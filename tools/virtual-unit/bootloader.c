@@ -18,9 +18,10 @@ static const char* const alt_names[VU_ALT_COUNT] = {
     "@Device Feature/0xFFFF0000/01*004 e",
 };
 
-/* Option bytes of a fresh STM32F4: level 0 read protection, no write protection. */
+/* User options and RDP 0xAA (level 0) at 0x1FFFC000, every nWRP bit set at 0x1FFFC008:
+ * neither read nor write protection. */
 static const uint8_t default_option_bytes[VU_OPTION_SIZE] = {
-    0xED, 0xAA, 0x12, 0x55, 0xFF, 0x0F, 0x00, 0xF0, 0xED, 0xAA, 0x12, 0x55, 0xFF, 0x0F, 0x00, 0xF0,
+    0xED, 0xAA, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x0F, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
 };
 
 enum {
@@ -230,11 +231,9 @@ static enum region find_region(uint32_t address, uint32_t* offset, uint32_t* rem
 /* Bytes beyond the end of a short file read as erased memory. */
 static int read_file_at(int fd, uint32_t offset, uint8_t* out, uint32_t length)
 {
-    memset(out, 0xFF, length);
     ssize_t n = pread(fd, out, length, (off_t)offset);
-    if (n < 0) {
+    if (n < 0)
         return -1;
-    }
     if ((uint32_t)n < length)
         memset(out + n, 0xFF, length - (uint32_t)n);
     return 0;

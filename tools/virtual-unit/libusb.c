@@ -1,5 +1,4 @@
 /* The libusb-1.0 functions dfu-util imports, answered by the virtual unit instead of USB. */
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
