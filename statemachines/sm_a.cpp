@@ -150,10 +150,12 @@ void SM_A::run()
             break;
         }
         case Position::A7: {
-            // A unit whose read-out failed is not read again until it has gone away.
+            // A unit whose read-out failed is not read again until it has gone away. A stop
+            // request also ends the wait, so a faulty unit left attached cannot hold up shutdown;
+            // the stop itself takes effect at A1 as always.
             emit sig_A7_entered();
             emit sig_scanning();
-            for (;;) {
+            while (!is_stopping()) {
                 msleep(connected_poll_ms);
                 const DFU::ScanResult scan = DFU::make_scan();
                 if (!is_single_unit(scan) || scan.devices.first().serial != current_serial) {
