@@ -10,6 +10,7 @@
 #include "gui/mainwindow.h"
 #include "gui/progressbar.h"
 #include "gui/settings.h"
+#include "support/fonts.h"
 
 namespace {
 
@@ -37,7 +38,7 @@ struct LogCapture
 Settings::Settings compiled_in_settings()
 {
     Settings::Settings s;
-    s.gui = Settings::make_GUI(QStringLiteral(LUMAXIS_SOURCE_DIR "/resources/settings_GUI.json"));
+    s.gui = Settings::make_GUI(QStringLiteral(":resources/settings_GUI.json"));
     s.desired_FW_name = QStringLiteral("Vega-5 LinkSync");
     s.desired_FW_type = Device::Kestrel;
     s.desired_FW_revision = QStringLiteral("2.3.0");
@@ -60,6 +61,7 @@ class TestMainWindow : public QObject
     Q_OBJECT
 
 private slots:
+    void initTestCase();
     void init();
     void cleanup();
     void geometryAtScaleOne();
@@ -76,6 +78,13 @@ private:
     std::unique_ptr<MainWindow> window_;
     QStringList log_;
 };
+
+void TestMainWindow::initTestCase()
+{
+    // Labels are sized by font metrics: measure with the fonts the program uses.
+    support::setup_fonts();
+    QCOMPARE(support::lumaxis_font_name, QStringLiteral("Lumaxis Sans"));
+}
 
 void TestMainWindow::init()
 {
@@ -101,6 +110,11 @@ void TestMainWindow::geometryAtScaleOne()
     QVERIFY(qAbs(window_->geometry().center().x() - screen.center().x()) <= 1);
     QCOMPARE(window_->installButton()->geometry(), QRect(207, 417, 250, 40));
     QCOMPARE(window_->progressBar()->geometry(), QRect(207, 417, 250, 40));
+    // The step-2 label's generous box reaches over the button's top edge; the button stays on top.
+    const QRect overlap = label_with(window_.get(), QStringLiteral("CENTER DIAL"))->geometry() &
+                          window_->installButton()->geometry();
+    QVERIFY(!overlap.isEmpty());
+    QCOMPARE(window_->childAt(overlap.center()), window_->installButton());
     QVERIFY(!window_->progressBar()->isVisible());
     QVERIFY(window_->isVisible());
     QVERIFY(window_->styleSheet().contains(QLatin1String("://resources/background.jpg")));
@@ -239,6 +253,7 @@ void TestMainWindow::missingStatusTextIsFatal()
     QProcess child;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("LUMAXIS_FATAL_CHILD"), QStringLiteral("1"));
+    env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
     env.insert(QStringLiteral("QTEST_DISABLE_STACK_DUMP"), QStringLiteral("1"));
     env.insert(QStringLiteral("QTEST_DISABLE_CORE_DUMP"), QStringLiteral("1"));
     child.setProcessEnvironment(env);
