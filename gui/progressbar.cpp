@@ -28,11 +28,6 @@ void ProgressBar::setup_GUI()
                                  "}\n"));
 }
 
-int ProgressBar::value_at(std::int32_t steps, qint64 elapsed, std::int32_t duration)
-{
-    return int(double(steps) * (double(elapsed) / double(duration)));
-}
-
 void ProgressBar::startAutoProgress(const QString& format, double seconds)
 {
     timer_->stop();
@@ -62,7 +57,7 @@ void ProgressBar::increase()
     // A stray tick before the first start has no clock to read.
     if (!clock_.isValid())
         return;
-    setValue(value_at(steps_, clock_.elapsed(), duration_));
+    setValue(int(double(steps_) * (double(clock_.elapsed()) / double(duration_))));
     if (clock_.elapsed() > duration_) {
         timer_->stop();
         setValue(maximum());

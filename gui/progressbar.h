@@ -22,9 +22,6 @@ public:
     std::int32_t duration() const { return duration_; }
     QTimer* timer() const { return timer_; }
 
-    // The value after elapsed of duration milliseconds, before the time is up.
-    static int value_at(std::int32_t steps, qint64 elapsed, std::int32_t duration);
-
 signals:
     void finished();
 

@@ -16,11 +16,8 @@ private slots:
     void startAutoProgress_data();
     void startAutoProgress();
     void degenerateRangeCountsAsOneStep();
-    void valueAt_data();
-    void valueAt();
     void tickBeforeTimeIsUpDoesNotFinish();
     void finishesOnceAtMaximum();
-    void restartFromFinished();
     void circleGeometryAndPaint();
 };
 
@@ -84,28 +81,6 @@ void TestProgressBar::degenerateRangeCountsAsOneStep()
     QCOMPARE(bar.timer()->interval(), 1000);
 }
 
-void TestProgressBar::valueAt_data()
-{
-    QTest::addColumn<int>("steps");
-    QTest::addColumn<qint64>("elapsed");
-    QTest::addColumn<int>("duration");
-    QTest::addColumn<int>("value");
-    QTest::newRow("start") << 100 << qint64(0) << 10000 << 0;
-    QTest::newRow("just below a step") << 100 << qint64(199) << 10000 << 1;
-    QTest::newRow("half") << 100 << qint64(50000) << 100000 << 50;
-    QTest::newRow("at the end") << 100 << qint64(10000) << 10000 << 100;
-    QTest::newRow("one step") << 1 << qint64(999) << 1000 << 0;
-}
-
-void TestProgressBar::valueAt()
-{
-    QFETCH(int, steps);
-    QFETCH(qint64, elapsed);
-    QFETCH(int, duration);
-    QFETCH(int, value);
-    QCOMPARE(ProgressBar::value_at(steps, elapsed, duration), value);
-}
-
 void TestProgressBar::tickBeforeTimeIsUpDoesNotFinish()
 {
     ProgressBar bar(nullptr);
@@ -130,21 +105,6 @@ void TestProgressBar::finishesOnceAtMaximum()
     QVERIFY(!finished.wait(200)); // stopped: no second emission
     QCOMPARE(finished.count(), 1);
     QVERIFY(bar.isVisible()); // hiding is the caller's business
-}
-
-void TestProgressBar::restartFromFinished()
-{
-    ProgressBar bar(nullptr);
-    QSignalSpy finished(&bar, &ProgressBar::finished);
-    bar.startAutoProgress(QStringLiteral("x"), 0.0);
-    QVERIFY(finished.wait(2000));
-    bar.setFormat(QStringLiteral("kept"));
-    bar.startAutoProgress();
-    QCOMPARE(bar.value(), 0);
-    QCOMPARE(bar.format(), QStringLiteral("kept"));
-    QCOMPARE(bar.duration(), 1);
-    QVERIFY(finished.wait(2000));
-    QCOMPARE(finished.count(), 2);
 }
 
 void TestProgressBar::circleGeometryAndPaint()

@@ -34,8 +34,6 @@ private slots:
     void brokenDocumentGivesEmptyValidModel_data();
     void brokenDocumentGivesEmptyValidModel();
     void lookUp();
-    void labelPrintOut_data();
-    void labelPrintOut();
     void circleAndGuiPrintOut();
     void compiledInFile();
     void unreadableFileGivesEmptyModel();
@@ -83,6 +81,8 @@ void TestSettings::labelFactory_data()
                                  << "Label '': (-1,-1) {not-white no-create} font='':0: ''";
     QTest::newRow("not white") << QByteArray(R"({"white":false})")
                                << "Label '': (-1,-1) {not-white} font='':-1: ''";
+    QTest::newRow("no create") << QByteArray(R"({"create":false,"text":"%1 a\n%2"})")
+                               << "Label '': (-1,-1) {no-create} font='':-1: '%1 a\n%2'";
 }
 
 void TestSettings::labelFactory()
@@ -139,34 +139,6 @@ void TestSettings::lookUp()
     QCOMPARE(gui.label(QString()), nullptr);
 }
 
-void TestSettings::labelPrintOut_data()
-{
-    QTest::addColumn<bool>("white");
-    QTest::addColumn<bool>("create");
-    QTest::addColumn<QString>("braces");
-    QTest::newRow("white, create") << true << true << "{}";
-    QTest::newRow("not white") << false << true << "{not-white}";
-    QTest::newRow("no create") << true << false << "{no-create}";
-    QTest::newRow("neither") << false << false << "{not-white no-create}";
-}
-
-void TestSettings::labelPrintOut()
-{
-    QFETCH(bool, white);
-    QFETCH(bool, create);
-    QFETCH(QString, braces);
-    Settings::LabelData label;
-    label.id = QStringLiteral("7b");
-    label.position = {37, 350};
-    label.size = 12;
-    label.font = QStringLiteral("Sans");
-    label.text = QStringLiteral("%1 and\n%2");
-    label.white = white;
-    label.create = create;
-    QCOMPARE(QString(label), QStringLiteral("Label '7b': (37,350) %1 font='Sans':12: '%2'")
-                                 .arg(braces, QStringLiteral("%1 and\n%2")));
-}
-
 void TestSettings::circleAndGuiPrintOut()
 {
     QCOMPARE(QString(GUI()), QStringLiteral("GUI settings:\n\tInvalid\n"));
@@ -216,14 +188,6 @@ void TestSettings::compiledInFile()
              QStringLiteral("<span style=\"font-size:20pt\">\n<span style=\"color:#FFFFFF; "
                             "font-weight:bold;\">Firmware upgrade</span>\n<br>\n<span "
                             "style=\"font-weight:bold\">%1</span>\n</span>"));
-    QCOMPARE(gui.text(QStringLiteral("4")),
-             QStringLiteral("<span style=\"font-size:20pt\">\nFirmware version:\n<br>\n%1</span>"));
-    QCOMPARE(gui.text(QStringLiteral("status_devRev")),
-             QStringLiteral("<span style=\"color:#000000; font-size:9pt\">\n"
-                            "Connected to an %1 with firmware version %2</span>"));
-    QCOMPARE(gui.text(QStringLiteral("7b")),
-             QStringLiteral("2. Hold the CENTER DIAL button\n    under the display while\n"
-                            "    pushing the TEST button\n    for 1 second"));
 
     QCOMPARE(gui.circles.size(), 2u);
     QCOMPARE(QString(gui.circles[0]),
