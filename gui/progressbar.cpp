@@ -43,7 +43,8 @@ void ProgressBar::startAutoProgress(const QString& format, double seconds)
 
 void ProgressBar::startAutoProgress()
 {
-    steps_ = std::max(maximum() - minimum(), 1);
+    // Widened: the difference of an extreme range does not fit in an int.
+    steps_ = std::int32_t(std::clamp<qint64>(qint64(maximum()) - minimum(), 1, INT32_MAX));
     const int interval = std::max(duration_ / steps_, min_interval_);
     setValue(minimum());
     timer_->setInterval(interval);
