@@ -13,9 +13,11 @@ namespace {
 constexpr int width = 655;
 constexpr int height = 517;
 
-// Where the window draws its highlight circles; the buttons must sit right under them.
-constexpr QPointF on_button(490, 258);
-constexpr QPointF select_button(424, 258);
+// The window stretches this picture over 665 pixels, so the buttons sit at the picture
+// positions that land under the highlight circles at (490, 258) and (424, 258).
+constexpr qreal stretch = 655.0 / 665.0;
+constexpr QPointF on_button(490 * stretch, 258);
+constexpr QPointF select_button(424 * stretch, 258);
 
 void draw_backdrop(QPainter& p)
 {
