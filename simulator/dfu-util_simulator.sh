@@ -1,14 +1,5 @@
 #!/usr/bin/env bash
 # Stands in for dfu-util 0.9 talking to one simulated Lumaxis unit in its DfuSe bootloader.
-#
-# Usage: dfu-util_simulator.sh --dfu-util-command WORD [--fast-progress] [dfu-util options]
-#   WORD: version, list, upload_OTP, upload_FW, download_FW, setup_prepared_config NAME,
-#         unplug, plug [SERIAL] (the last two pull or attach the simulated cable).
-# The unit lives in a state folder ($LUMAXIS_SIMULATOR_STATE, default state/ beside this script):
-# its scenario settings, its flash and OTP contents, and whether it is attached. Prepared
-# scenarios are in configs/, the images they name in images/. "--fast-progress" or
-# LUMAXIS_SIMULATOR_FAST=1 makes every command near-instant; LUMAXIS_SIMULATOR_ABSENT_MS sets how
-# long the unit stays away after a download that ends with "leave".
 set -uo pipefail
 
 sim_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
@@ -408,6 +399,15 @@ do_download() {
 }
 
 # ---- arguments ------------------------------------------------------------------------------
+
+# Usage: dfu-util_simulator.sh --dfu-util-command WORD [--fast-progress] [dfu-util options]
+#   WORD: version, list, upload_OTP, upload_FW, download_FW, setup_prepared_config NAME,
+#         unplug, plug [SERIAL] (the last two pull or attach the simulated cable).
+# The unit lives in a state folder ($LUMAXIS_SIMULATOR_STATE, default state/ beside this script):
+# its scenario settings, its flash and OTP contents, and whether it is attached. Prepared
+# scenarios are in configs/, the images they name in images/. "--fast-progress" or
+# LUMAXIS_SIMULATOR_FAST=1 makes every command near-instant; LUMAXIS_SIMULATOR_ABSENT_MS sets how
+# long the unit stays away after a download that ends with "leave".
 
 command_word="" fast=0 vendor="" alt="" upload_file="" download_file="" list_flag=0
 dfuse_address="" dfuse_length=0 dfuse_leave=0 positional=()
