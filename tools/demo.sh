@@ -40,7 +40,7 @@ for _ in $(seq 50); do
 done
 
 echo "No display found: running the demo under Xvfb ($DISPLAY); the log goes to $log"
-"$program" -s -l 2>"$log" &
+"$program" -s -l >"$out_dir/stdout.txt" 2>"$log" &
 program_pid=$!
 
 # Waits until the log shows a line holding $1, for at most $2 seconds.
@@ -81,7 +81,7 @@ wait_for "SM_B: entered B6" 120
 sleep 1
 shot 5-done
 
-python3 "$(dirname "$0")/close-window.py" "$window"
+/usr/bin/python3 "$(dirname "$0")/close-window.py" "$window"
 wait "$program_pid" && status=0 || status=$?
 program_pid=""
 echo "The program ended with status $status after a full upgrade."
