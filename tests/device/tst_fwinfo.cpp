@@ -4,7 +4,7 @@
 #include <QtTest>
 
 #include "device/fwinfo.h"
-#include "logcapture.h"
+#include "common/logcapture.h"
 #include "recordbuilders.h"
 
 using namespace Device;

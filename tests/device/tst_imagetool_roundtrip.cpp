@@ -4,7 +4,7 @@
 
 #include "device/fwinfo.h"
 #include "device/otpinfo.h"
-#include "logcapture.h"
+#include "common/logcapture.h"
 #include "tools/imagetool/firmwareimage.h"
 
 using namespace Device;

@@ -2,7 +2,7 @@
 #include <QtTest>
 
 #include "device/otpinfo.h"
-#include "logcapture.h"
+#include "common/logcapture.h"
 #include "recordbuilders.h"
 
 using namespace Device;

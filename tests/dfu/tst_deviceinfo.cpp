@@ -1,7 +1,7 @@
 // Device read-out, download, read-back and comparison, run against the fake dfu-util.
 #include <QtTest>
 
-#include "device/logcapture.h"
+#include "common/logcapture.h"
 #include "device/recordbuilders.h"
 #include "dfu/deviceinfo.h"
 #include "fakecontrol.h"

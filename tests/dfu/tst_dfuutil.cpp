@@ -1,7 +1,7 @@
 // The tool's location, its version self-test, and the real dfu-util's banner and empty listing.
 #include <QtTest>
 
-#include "device/logcapture.h"
+#include "common/logcapture.h"
 #include "dfu/dfuutil.h"
 #include "dfu/scan.h"
 #include "fakecontrol.h"

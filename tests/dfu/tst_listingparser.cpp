@@ -4,7 +4,7 @@
 #include "dfu/listingparser.h"
 #include "dfu/scan.h"
 #include "listings.h"
-#include "device/logcapture.h"
+#include "common/logcapture.h"
 
 using listings::banner;
 using listings::line;

@@ -6,7 +6,7 @@
 #include <QTest>
 
 #include "dfu/commands.h"
-#include "fakes/logcapture.h"
+#include "common/logcapture.h"
 
 Q_DECLARE_METATYPE(DFU::CmdID)
 

@@ -9,7 +9,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-#include "fakes/logcapture.h"
+#include "common/logcapture.h"
 #include "support/files.h"
 
 Q_DECLARE_METATYPE(std::vector<Files::ID>)

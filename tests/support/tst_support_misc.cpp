@@ -5,7 +5,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-#include "fakes/logcapture.h"
+#include "common/logcapture.h"
 #include "support/support_misc.h"
 
 using support_misc::Platform;
