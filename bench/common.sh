@@ -1,0 +1,77 @@
+# Helpers shared by the bench scripts; sourced, never run. Needs: $build_dir set by the caller.
+
+bench_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+tools_dir="$bench_dir/../tools"
+title="Lumaxis Firmware Upgrade Tool"
+program="$build_dir/app/lumaxis-upgrade"
+virtual_program="$build_dir/app/lumaxis-upgrade-virtual"
+unit_tool="$build_dir/tools/virtual-unit/lumaxis-virtual-unit"
+virtual_lib_dir="$build_dir/tools/virtual-unit/lib"
+
+# Every run gets its own TMPDIR, so that a program ended by a signal leaves nothing in /tmp.
+work_dir=$(mktemp -d "${TMPDIR:-/tmp}/lumaxis-bench.XXXXXX")
+bench_cleanups=()
+bench_cleanup() {
+  local c
+  for c in "${bench_cleanups[@]}"; do eval "$c" || true; done
+  rm -rf "$work_dir"
+}
+trap bench_cleanup EXIT
+
+# Prints the median of the numbers on standard input.
+median() {
+  python3 -c 'import statistics, sys; v = [float(x) for x in sys.stdin.read().split()]; print(f"{statistics.median(v):.1f}" if v else "n/a")'
+}
+
+# Prints "N runs, min .. max" for the numbers on standard input.
+spread() {
+  python3 -c 'import sys; v = [float(x) for x in sys.stdin.read().split()]; print(f"{len(v)} runs, {min(v):.1f} .. {max(v):.1f}" if v else "no runs")'
+}
+
+note_load() {
+  echo "load average: $(cut -d' ' -f1-3 /proc/loadavg), $(nproc) cores"
+}
+
+# The program that talks to the virtual unit: the variant that embeds its library, or else the
+# normal program with the library on LD_LIBRARY_PATH, which the dynamic loader searches before
+# the embedded dfu-util's RUNPATH.
+virtual_command() {
+  if [ -x "$virtual_program" ]; then
+    echo "$virtual_program"
+  else
+    echo "env LD_LIBRARY_PATH=$virtual_lib_dir $program"
+  fi
+}
+
+# Time in milliseconds of the first line of stamped log $1 that holds $2; empty when none does.
+stamp_of() {
+  grep -F -m1 -- "$2" "$1" | cut -d' ' -f1
+}
+
+# Waits until stamped log $1 holds a line with $2, for at most $3 seconds, while process $4 runs.
+wait_for_line() {
+  local deadline=$((SECONDS + $3))
+  until grep -qF -- "$2" "$1"; do
+    if [ $SECONDS -ge "$deadline" ] || ! kill -0 "$4" 2>/dev/null; then
+      echo "bench: no line \"$2\" in $1" >&2
+      return 1
+    fi
+    sleep 0.05
+  done
+}
+
+# Starts Xvfb on a free display and exports DISPLAY; it is stopped when the script ends.
+start_xvfb() {
+  local n=99
+  while [ -e "/tmp/.X11-unix/X$n" ] || [ -e "/tmp/.X$n-lock" ]; do n=$((n + 1)); done
+  export DISPLAY=":$n"
+  Xvfb "$DISPLAY" -screen 0 1280x800x24 -nolisten tcp >/dev/null 2>&1 &
+  local pid=$!
+  bench_cleanups+=("kill $pid 2>/dev/null")
+  for _ in $(seq 50); do
+    xdpyinfo >/dev/null 2>&1 && return 0
+    sleep 0.1
+  done
+  echo "bench: Xvfb did not start" >&2
+  return 1
+}
