@@ -164,8 +164,10 @@ QByteArray make_otp_record(const Identity& identity, const std::array<std::uint8
 QByteArray make_otp_area(const QByteArray& record, int offset)
 {
     QByteArray area = blank_otp_area();
-    if (offset >= 0 && offset + record.size() <= area.size())
-        area.replace(offset, record.size(), record);
+    if (offset >= 0 && offset < area.size()) {
+        const QByteArray fitting = record.left(area.size() - offset);
+        area.replace(offset, fitting.size(), fitting);
+    }
     return area;
 }
 

@@ -46,7 +46,7 @@ QByteArray text_field(const QByteArray& text);
 QByteArray make_info_block(const InfoBlock& block, BlockForm form = BlockForm::Intact);
 
 // A raw image of size bytes: vector table, the block at 0x200, seeded pseudo-random fill that
-// never holds a marker outside the block.
+// never holds a marker outside the block. An image too small to hold the block carries none.
 QByteArray make_image(const InfoBlock& block, BlockForm form = BlockForm::Intact,
                       int size = default_image_size, std::uint32_t seed = 0x4C554D58);
 
@@ -60,7 +60,8 @@ std::uint32_t dfu_crc(const QByteArray& bytes);
 // The 16-byte OTP record: marker, type, qualifiers, eight data bytes.
 QByteArray make_otp_record(const Identity& identity, const std::array<std::uint8_t, 8>& data = {});
 
-// A 512-byte OTP area, erased (0xFF) but for the record at offset (a multiple of 16).
+// A 512-byte OTP area, erased (0xFF) but for the record at offset. Readers expect a multiple of
+// 16; other offsets are allowed for tests, and a record running past the end is cut off there.
 QByteArray make_otp_area(const QByteArray& record, int offset = 0);
 QByteArray blank_otp_area();
 

@@ -48,6 +48,15 @@ bool parse_identity(const QCommandLineParser& p, ImageTool::Identity& id)
     return true;
 }
 
+// Long texts are allowed on purpose (they make fields that readers see as empty), but say so.
+void warn_if_field_overflows(const char* option, const QByteArray& text)
+{
+    if (text.size() >= 32)
+        std::fprintf(stderr,
+                     "lumaxis-imagetool: warning: --%s has %d bytes; readers see an empty field\n",
+                     option, int(text.size()));
+}
+
 int usage_error(const char* what)
 {
     std::fprintf(stderr, "lumaxis-imagetool: %s (see --help)\n", what);
@@ -61,33 +70,53 @@ int main(int argc, char* argv[])
     QCoreApplication app(argc, argv);
     QCommandLineParser p;
     p.setApplicationDescription(QStringLiteral(
-        "Writes Lumaxis firmware images and OTP areas.\n\n"
-        "  firmware  --bin F [--dfu F] [--type N] [--qualifiers a,b,c] [--name S]\n"
-        "            [--revision S] [--detail key=value ...] [--size N] [--seed N]\n"
-        "            [--block intact|absent|no-end|bad-length]\n"
-        "  dfuse     --in RAW --dfu F\n"
-        "  otp       --out F [--type N] [--qualifiers a,b,c] [--data 16 hex digits]\n"
-        "            [--offset N] [--blank]"));
+        "Writes Lumaxis firmware images, DfuSe files and OTP areas, byte-identical on every run.\n"
+        "\n"
+        "Commands:\n"
+        "  firmware --bin F [--dfu F] [--type N] [--qualifiers A,B,C] [--name S] [--revision S]\n"
+        "           [--detail KEY=VALUE ...] [--size N] [--seed N] [--block FORM]\n"
+        "      A raw image: vector table, information block at 0x200, pseudo-random fill.\n"
+        "      Without options it is the program's own firmware (Kestrel, type 3, qualifiers\n"
+        "      FF FF FF, \"Vega-5 LinkSync\" revision \"2.3.0\", 573088 bytes); --dfu also\n"
+        "      writes the same bytes as a DfuSe file for 0483:df11 at 0x08000000.\n"
+        "      FORM is intact (default), absent (no block), no-end (no end marker) or\n"
+        "      bad-length (end marker one byte off the 64-byte pair grid).\n"
+        "  dfuse --in RAW --dfu F\n"
+        "      Wraps an existing raw image as a DfuSe file.\n"
+        "  otp --out F [--type N] [--qualifiers A,B,C] [--data HEX16] [--offset N] | --blank\n"
+        "      A 512-byte OTP area: erased (0xFF) but for one identity record at the offset.\n"
+        "\n"
+        "Numbers take 0x for hexadecimal. Texts of 32 bytes or more fill their field without a\n"
+        "terminating NUL, which readers take as empty. Exit status: 0 written, 1 cannot write,\n"
+        "2 bad arguments (nothing is written).\n"
+        "\n"
+        "Examples:\n"
+        "  lumaxis-imagetool firmware --revision 2.2.0 --seed 0x220 --bin old.bin\n"
+        "  lumaxis-imagetool firmware --type 4 --name \"Lumaxis Vega-6\" --bin verdant.bin\n"
+        "  lumaxis-imagetool firmware --block no-end --bin broken.bin\n"
+        "  lumaxis-imagetool otp --type 0x51 --data 0102030405060708 --out otp.bin"));
     p.addHelpOption();
     p.addPositionalArgument(QStringLiteral("command"), QStringLiteral("firmware, dfuse or otp"));
-    const auto value = [&](const char* name, const char* help) {
-        p.addOption({QString::fromLatin1(name), QString::fromLatin1(help), QStringLiteral("v")});
+    const auto value = [&](const char* name, const char* help, const char* value_name) {
+        p.addOption({QString::fromLatin1(name), QString::fromLatin1(help),
+                     QString::fromLatin1(value_name)});
     };
-    value("bin", "Raw image to write.");
-    value("dfu", "DfuSe file to write.");
-    value("in", "Raw image to wrap as a DfuSe file.");
-    value("out", "OTP area file to write.");
-    value("type", "Product type byte (default 3).");
-    value("qualifiers", "Three qualifier bytes (default 0xFF,0xFF,0xFF).");
-    value("name", "Firmware name.");
-    value("revision", "Firmware revision.");
-    value("detail", "A key=value detail; repeat for more (replaces the defaults).");
-    value("size", "Image size in bytes (default 573088).");
-    value("seed", "Seed of the fill (default fixed).");
-    value("block", "Form of the information block.");
-    value("data", "Eight OTP data bytes as 16 hex digits.");
-    value("offset", "Offset of the OTP record (default 0).");
-    p.addOption({QStringLiteral("blank"), QStringLiteral("Write an erased OTP area.")});
+    value("bin", "firmware: raw image to write.", "file");
+    value("dfu", "firmware, dfuse: DfuSe file to write.", "file");
+    value("in", "dfuse: raw image to wrap.", "file");
+    value("out", "otp: OTP area file to write.", "file");
+    value("type", "Product type byte (default 3, Kestrel).", "byte");
+    value("qualifiers", "Three qualifier bytes (default 0xFF,0xFF,0xFF).", "a,b,c");
+    value("name", "firmware: name (default \"Vega-5 LinkSync\").", "text");
+    value("revision", "firmware: revision (default \"2.3.0\").", "text");
+    value("detail", "firmware: one detail; repeat for more. Replaces the three defaults.",
+          "key=value");
+    value("size", "firmware: image size in bytes (default 573088).", "bytes");
+    value("seed", "firmware: seed of the fill; give variants their own (default fixed).", "n");
+    value("block", "firmware: intact, absent, no-end or bad-length.", "form");
+    value("data", "otp: the record's eight data bytes (default zeros).", "16 hex digits");
+    value("offset", "otp: the record's offset, a multiple of 16 up to 496 (default 0).", "n");
+    p.addOption({QStringLiteral("blank"), QStringLiteral("otp: write an erased area.")});
     p.process(app);
 
     const QStringList args = p.positionalArguments();
@@ -127,12 +156,21 @@ int main(int argc, char* argv[])
             form = ImageTool::BlockForm::BadPairLength;
         else if (!f.isEmpty() && f != QLatin1String("intact"))
             return usage_error("unknown --block form");
+        warn_if_field_overflows("name", block.name);
+        warn_if_field_overflows("revision", block.revision);
+        for (const auto& [key, value] : block.details) {
+            warn_if_field_overflows("detail", key);
+            warn_if_field_overflows("detail", value);
+        }
         bool ok = true;
         const int size = p.isSet(QStringLiteral("size"))
                              ? p.value(QStringLiteral("size")).toInt(&ok, 0)
                              : ImageTool::default_image_size;
-        if (!ok || size < 1)
-            return usage_error("bad --size");
+        // An image too small for its block would carry none: that is what --block absent is for.
+        const int needed =
+            ImageTool::info_block_offset + int(ImageTool::make_info_block(block, form).size());
+        if (!ok || size < 1 || size < needed)
+            return usage_error("bad --size: too small for the vector table and the block");
         const std::uint32_t seed = p.isSet(QStringLiteral("seed"))
                                        ? p.value(QStringLiteral("seed")).toUInt(&ok, 0)
                                        : 0x4C554D58;
