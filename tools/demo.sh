@@ -1,19 +1,22 @@
 #!/usr/bin/env bash
-# Runs the program in simulator mode with the default scenario: a unit with an older firmware.
-# With a display the user clicks through the upgrade; without one the script runs it under Xvfb,
-# clicks Install as a person would, saves a screenshot of each state and ends by itself.
+# Runs lumaxis-upgrade-virtual in real-device mode: the real dfu-util against a freshly made
+# virtual unit (tools/virtual-unit) of the right product with an older firmware, in realistic
+# timing. With a display the user clicks through the upgrade; without one the script runs it
+# under Xvfb, clicks Install as a person would, saves a screenshot of each state and ends by itself.
 set -euo pipefail
 
 build_dir=$(cd "${1:-build}" && pwd)
-program="$build_dir/app/lumaxis-upgrade"
-simulator_dir="${LUMAXIS_SIMULATOR_DIR:-$build_dir/simulator}"
+program="$build_dir/app/lumaxis-upgrade-virtual"
+unit_tool="$build_dir/tools/virtual-unit/lumaxis-virtual-unit"
 title="Lumaxis Firmware Upgrade Tool"
 
-"$simulator_dir/dfu-util_simulator.sh" --dfu-util-command setup_prepared_config default >/dev/null
+export LUMAXIS_VIRTUAL_UNIT="$build_dir/demo-unit"
+"$unit_tool" create --type 3 --revision 2.2.0 --timing real >/dev/null
 
 if [ -n "${DISPLAY:-}" ] || [ -n "${WAYLAND_DISPLAY:-}" ]; then
-  echo "Starting the upgrade tool against a simulated unit; click Install, close the window to quit."
-  exec "$program" -s
+  echo "Starting the upgrade tool against a virtual unit ($LUMAXIS_VIRTUAL_UNIT);" \
+       "click Install, close the window to quit."
+  exec "$program" -S
 fi
 
 out_dir="$build_dir/demo"
@@ -40,7 +43,7 @@ for _ in $(seq 50); do
 done
 
 echo "No display found: running the demo under Xvfb ($DISPLAY); the log goes to $log"
-"$program" -s -l >"$out_dir/stdout.txt" 2>"$log" &
+"$program" -S -l >"$out_dir/stdout.txt" 2>"$log" &
 program_pid=$!
 
 # Waits until the log shows a line holding $1, for at most $2 seconds.
@@ -73,7 +76,7 @@ eval "$(xdotool getwindowgeometry --shell "$window")"
 # The install button sits at (207, 417), 250 by 40, at scale 1.
 xdotool mousemove "$((X + 207 + 125))" "$((Y + 417 + 20))" click 1
 wait_for "SM_B: entered B3" 10
-sleep 3
+sleep 10
 shot 3-upgrading
 wait_for "SM_B: entered B4" 120
 shot 4-verifying
@@ -84,5 +87,11 @@ shot 5-done
 /usr/bin/python3 "$(dirname "$0")/close-window.py" "$window"
 wait "$program_pid" && status=0 || status=$?
 program_pid=""
-echo "The program ended with status $status after a full upgrade."
+image="$build_dir/generated/firmware.bin"
+if cmp -s -n "$(stat -c %s "$image")" "$image" "$LUMAXIS_VIRTUAL_UNIT/flash.bin"; then
+  echo "The program ended with status $status; the unit's flash now holds the embedded image."
+else
+  echo "The program ended with status $status, but the unit's flash differs from the image." >&2
+  status=1
+fi
 exit "$status"
