@@ -105,15 +105,27 @@ void tst_Device::type_facts_data()
     QTest::addColumn<QString>("short_name");
     QTest::addColumn<QString>("full_name");
 
-    QTest::newRow("Invalid") << 0 << false << false << "invalid" << "N/A" << "N/A";
-    QTest::newRow("Undefined") << 255 << false << false << "undefined" << "?" << "?";
-    QTest::newRow("Unknown") << 254 << true << false << "unknown" << "unknown" << "unknown";
-    QTest::newRow("Kestrel") << 3 << true << true << "KSTR" << "Vega-5" << "Vega-5 LinkSync";
-    QTest::newRow("K3i, irregular") << 11 << true << true << "K3I" << "K3 Industrial"
+    QTest::newRow("Invalid") << 0 << false << false << "invalid"
+                             << "N/A"
+                             << "N/A";
+    QTest::newRow("Undefined") << 255 << false << false << "undefined"
+                               << "?"
+                               << "?";
+    QTest::newRow("Unknown") << 254 << true << false << "unknown"
+                             << "unknown"
+                             << "unknown";
+    QTest::newRow("Kestrel") << 3 << true << true << "KSTR"
+                             << "Vega-5"
+                             << "Vega-5 LinkSync";
+    QTest::newRow("K3i, irregular") << 11 << true << true << "K3I"
+                                    << "K3 Industrial"
                                     << "K3 Industrial";
-    QTest::newRow("Cinder") << 140 << true << true << "CNDR" << "T80 or T80X"
+    QTest::newRow("Cinder") << 140 << true << true << "CNDR"
+                            << "T80 or T80X"
                             << "Lumaxis T80X & T80 series";
-    QTest::newRow("no row") << 7 << true << true << "impossible type" << "" << "";
+    QTest::newRow("no row") << 7 << true << true << "impossible type"
+                            << ""
+                            << "";
 }
 
 void tst_Device::type_facts()
@@ -187,7 +199,8 @@ void tst_Device::fw_info_data()
         QTest::newRow(tag) << image << QString() << QString() << QString() << none << log;
     };
 
-    row("image tool default at 0x200", ImageTool::make_image({}, ImageTool::BlockForm::Intact, 2048),
+    row("image tool default at 0x200",
+        ImageTool::make_image({}, ImageTool::BlockForm::Intact, 2048),
         flat(ImageTool::InfoBlock().details));
     row("block is the whole image", block({{"k", "v"}}), {"k=v"});
     row("29 pairs end at 1948", at(1948 - 72 - 64 * 29, block(numbered(29))), flat(numbered(29)));
@@ -202,12 +215,16 @@ void tst_Device::fw_info_data()
     refused("erased flash", QByteArray(2048, '\xFF'), {index_line(-1, -1)});
     row("first block counts", at(0, block()).replace(600, 72, block({}, "x", "9.9")));
     row("32-byte name reads empty", block({}, QByteArray(32, 'N')), none, QString());
-    row("UTF-8 name", block({}, "M2 \xC3\xBC" "ber"), none, QStringLiteral("M2 \u00FCber"));
+    row("UTF-8 name",
+        block({}, "M2 \xC3\xBC"
+                  "ber"),
+        none, QStringLiteral("M2 \u00FCber"));
     row("empty value ends the list", block({{"a", "1"}, {"b", ""}, {"c", "3"}}), {"a=1"});
     row("key without NUL ends the list", block({{"a", "1"}, {QByteArray(32, 'k'), "2"}}), {"a=1"});
     QTest::newRow("unlisted type, no '#' mapping here")
         << block({}, "P", "0.1", {'#', {1, 2, 3}}) << "ProductInfo: unknown (254) [23 01 02 03]"
-        << "P" << "0.1" << none << none;
+        << "P"
+        << "0.1" << none << none;
 }
 
 void tst_Device::fw_info()
@@ -232,15 +249,16 @@ void tst_Device::fw_info()
 void tst_Device::fw_info_printable()
 {
     QCOMPARE(QString(make_FW_Info(QByteArray())), QStringLiteral("FW info:\n\tInvalid"));
-    QCOMPARE(QString(make_FW_Info(block({{"build", "2026-11-01"}, {"hardware", "rev C"}}, "T80",
-                                         "2.3.0", {Cinder, {0xFF, 0x00, 0xFF}}))),
-             QStringLiteral("FW info:\n"
-                            "  Type: ProductInfo: CNDR (140) [8c ff 00 ff]\n"
-                            "  Name: T80\n"
-                            "  Rev.: 2.3.0\n"
-                            "  Details:"
-                            "\n    build                          : 2026-11-01                     "
-                            "\n    hardware                       : rev C                          "));
+    QCOMPARE(
+        QString(make_FW_Info(block({{"build", "2026-11-01"}, {"hardware", "rev C"}}, "T80", "2.3.0",
+                                   {Cinder, {0xFF, 0x00, 0xFF}}))),
+        QStringLiteral("FW info:\n"
+                       "  Type: ProductInfo: CNDR (140) [8c ff 00 ff]\n"
+                       "  Name: T80\n"
+                       "  Rev.: 2.3.0\n"
+                       "  Details:"
+                       "\n    build                          : 2026-11-01                     "
+                       "\n    hardware                       : rev C                          "));
     QVERIFY(!make_FW_Info(QStringLiteral("/nonexistent/uploaded_FW_info.bin")).valid);
 }
 
@@ -253,8 +271,10 @@ void tst_Device::otp_info_data()
     QTest::addColumn<QStringList>("log");
 
     const QString invalid = QStringLiteral("ProductInfo: invalid (0)");
-    const QString not_used = QStringLiteral("info: Device not used, has invalid info in its OTP info.");
-    const QString unknown = QStringLiteral("info: Unknown device type according to OTP info,  \"%1\"");
+    const QString not_used =
+        QStringLiteral("info: Device not used, has invalid info in its OTP info.");
+    const QString unknown =
+        QStringLiteral("info: Unknown device type according to OTP info,  \"%1\"");
     const QStringList quiet;
 
     QTest::newRow("no bytes") << QByteArray() << invalid << false << true << quiet;
@@ -262,8 +282,8 @@ void tst_Device::otp_info_data()
     QTest::newRow("all zero") << QByteArray(512, '\0') << invalid << false << false << quiet;
     QTest::newRow("record at 0") << otp(Kestrel) << "ProductInfo: KSTR (3)" << true << false
                                  << quiet;
-    QTest::newRow("last slot, 496") << otp(Cinder, 496) << "ProductInfo: CNDR (140)" << true
-                                    << false << quiet;
+    QTest::newRow("last slot, 496")
+        << otp(Cinder, 496) << "ProductInfo: CNDR (140)" << true << false << quiet;
     QTest::newRow("misaligned, 497") << otp(Kestrel, 497) << invalid << false << false << quiet;
     QTest::newRow("aligned but at 512 of a longer area")
         << at(512, otp(Kestrel), 1024, '\xFF') << invalid << false << false << quiet;
@@ -271,10 +291,10 @@ void tst_Device::otp_info_data()
         << otp(Kestrel).replace(16, 16, ImageTool::make_otp_record({Garnet}))
         << "ProductInfo: GRNT (36)" << true << false << quiet;
     QTest::newRow("later unusable record hides the earlier")
-        << otp(Kestrel).replace(32, 16, ImageTool::make_otp_record({0}))
-        << invalid << false << false << QStringList{not_used};
-    QTest::newRow("'#' read as Monolith") << otp('#') << "ProductInfo: MNLT (43)" << true << false
-                                          << quiet;
+        << otp(Kestrel).replace(32, 16, ImageTool::make_otp_record({0})) << invalid << false
+        << false << QStringList{not_used};
+    QTest::newRow("'#' read as Monolith")
+        << otp('#') << "ProductInfo: MNLT (43)" << true << false << quiet;
     QTest::newRow("unlisted type keeps its bytes")
         << otp(0x51, 0, {1, 0xFF, 0xFF}) << "ProductInfo: invalid (0) [51 01 ff ff]" << false
         << false << QStringList{unknown.arg("ProductInfo: unknown (254) [51 01 ff ff]")};
@@ -304,8 +324,8 @@ void tst_Device::otp_info()
 void tst_Device::otp_info_fields_and_printable()
 {
     const std::array<std::uint8_t, 8> data{0, 1, 2, 3, 0xFC, 0xFD, 0xFE, 0xFF};
-    const OTP_Info info = make_OTP_Info(
-        ImageTool::make_otp_area(ImageTool::make_otp_record({Garnet}, data), 64));
+    const OTP_Info info =
+        make_OTP_Info(ImageTool::make_otp_area(ImageTool::make_otp_record({Garnet}, data), 64));
     QCOMPARE(info.data, data);
     QCOMPARE(info.product_name(), QStringLiteral("M2"));
     QCOMPARE(QString(info), QStringLiteral("OTP info:\nOTP info:\nMarker valid\n"

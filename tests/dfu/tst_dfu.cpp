@@ -1,0 +1,336 @@
+// The dfu-util side: command table and runner, listing classification, the version self-test,
+// and the unit read-out and read-back against a fake dfu-util.
+#include <QtTest>
+
+#include "common/logcapture.h"
+#include "dfu/deviceinfo.h"
+#include "dfu/dfuutil.h"
+#include "dfu/listingparser.h"
+#include "dfu/scan.h"
+#include "support/files.h"
+#include "tools/imagetool/firmwareimage.h"
+
+namespace {
+
+const QString A = QStringLiteral("3473375A3334");
+const QString B = QStringLiteral("205F32845431");
+const QString fake = QStringLiteral(FAKE_DFU_UTIL_DIR "/dfu-util");
+
+QString line(const QString& serial, int alt = 0, const QString& release = QStringLiteral("2200"))
+{
+    return QStringLiteral("Found DFU: [0483:df11] ver=%1, devnum=7, cfg=1, intf=0, path=\"1-2.4\", "
+                          "alt=%2, name=\"@Internal Flash\"%3\n")
+        .arg(release, QString::number(alt),
+             serial.isEmpty() ? QString() : QStringLiteral(", serial=\"%1\"").arg(serial));
+}
+
+// The first count lines of one unit; the bootloader lists four alternate settings.
+QString unit(const QString& serial, int count = 4)
+{
+    QString text;
+    for (int i = 0; i < count; ++i)
+        text += line(serial, 3 - i % 4);
+    return text;
+}
+
+// How the runner's log lines show values: a program and its arguments, an output.
+template <typename... T> QString shown(const T&... values)
+{
+    QString text;
+    QDebug stream(&text);
+    ((stream << values), ...);
+    return text.trimmed();
+}
+
+// Working files and the fake's control files share the run's directory.
+void put(const QString& name, const QByteArray& bytes)
+{
+    QFile file(Files::external_dir.filePath(name));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write(bytes);
+}
+
+QByteArray image(std::uint8_t type, const QByteArray& revision = "2.3.0")
+{
+    return ImageTool::make_image({{type}, "Vega-5 LinkSync", revision, {}},
+                                 ImageTool::BlockForm::Intact, 4096);
+}
+
+QByteArray otp(std::uint8_t type)
+{
+    return ImageTool::make_otp_area(ImageTool::make_otp_record({type}));
+}
+
+} // namespace
+
+class tst_Dfu final : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+
+    void command_table();
+    void self_test_data();
+    void self_test();
+    void waits_past_time_limit();
+    void listing_data();
+    void listing();
+
+    void read_device_info_data();
+    void read_device_info();
+    void read_back_data();
+    void read_back();
+    void desired_FW_read_once();
+
+private:
+    QMap<DFU::CmdID, DFU::Command> table_;
+};
+
+void tst_Dfu::initTestCase()
+{
+    qputenv("FAKE_DFU_UTIL_CONTROL", Files::external_dir.path().toUtf8());
+    table_ = DFU::commands;
+}
+
+void tst_Dfu::init()
+{
+    DFU::commands = table_;
+    DFU::Command::path = QStringLiteral(FAKE_DFU_UTIL_DIR);
+    for (const QString& name : QDir(Files::external_dir.path()).entryList(QDir::Files))
+        QFile::remove(Files::external_dir.filePath(name));
+}
+
+void tst_Dfu::command_table()
+{
+    QStringList texts;
+    for (DFU::CmdID id : {DFU::version, DFU::list, DFU::upload_OTP, DFU::upload_FW_info,
+                          DFU::upload_FW, DFU::download_FW})
+        texts << QString(DFU::commands.value(id));
+    QCOMPARE(texts,
+             (QStringList{"dfu-util(-V)", "dfu-util(-d,0483,-l)",
+                          "dfu-util(-d,0483,-a,2,-s,0x1FFF7800:512,-U)",
+                          "dfu-util(-d,0483,-a,0,-s,0x08000000:2048,-U)", "dfu-util(-d,0483,-a,0)",
+                          "dfu-util(-d,0483,-a,0,-s,0x08000000:leave,-D)"}));
+
+    // The scan lists twice a second; its runs must not flood the log.
+    const LogCapture capture;
+    DFU::run_command(DFU::list, {});
+    QCOMPARE(capture.lines(), QStringList());
+
+    // The Windows tool ends its lines with CR LF; only a Windows build forgives that.
+    const QString crlf =
+        QString(DFU::dfu_util::expected_output_of_execution_test).replace("\n", "\r\n");
+    QVERIFY(DFU::dfu_util::is_expected_output(crlf, support_misc::Platform::windows));
+    QVERIFY(!DFU::dfu_util::is_expected_output(crlf, support_misc::Platform::macOS));
+}
+
+void tst_Dfu::self_test_data()
+{
+    QTest::addColumn<QString>("program");
+    QTest::addColumn<QByteArray>("code");
+    QTest::addColumn<QString>("output");
+    QTest::addColumn<bool>("passed");
+    QTest::addColumn<QStringList>("log"); // after the start line
+
+    const QString banner = DFU::dfu_util::expected_output_of_execution_test;
+    const QString crash = QStringLiteral(LUMAXIS_FAKE_CRASH);
+    const QString exit_line = QStringLiteral("info: Exit with %1 from %2 returned: %3");
+    const QString result = QStringLiteral("info: Result of execution test: status was %1");
+    QTest::newRow("expected banner") << fake << QByteArray("0") << banner << true
+                                     << QStringList{result.arg("ok and output: \"as expected\"")};
+    QTest::newRow("banner, exit 1")
+        << fake << QByteArray("1") << banner << false
+        << QStringList{exit_line.arg("1", shown(fake, QList<QString>{"-V"}), shown(banner)),
+                       result.arg("bad and output: \"as expected\"")};
+    QTest::newRow("crash") << crash << QByteArray() << QString() << false
+                           << QStringList{exit_line.arg("-1", shown(crash, QList<QString>{"-V"}),
+                                                        "\"crashing\\n\""),
+                                          result.arg("bad and output: \"crashing\\n\"")};
+    // Not started reads as a clean run with no output; callers fail on the missing content.
+    QTest::newRow("missing tool")
+        << "/nonexistent/dfu-util" << QByteArray() << QString() << false
+        << QStringList{"info: waitForFinished(): Process did not finish in time, exit status: "
+                       "QProcess::NormalExit and output: \"\"",
+                       "info: will wait again, forever", result.arg("ok and output: \"\"")};
+}
+
+void tst_Dfu::self_test()
+{
+    QFETCH(QString, program);
+    QFETCH(QByteArray, code);
+    QFETCH(QString, output);
+    QFETCH(bool, passed);
+    QFETCH(QStringList, log);
+
+    DFU::Command::path.clear();
+    DFU::commands[DFU::version].program = program;
+    put("version.exit", code);
+    put("version.stdout", output.toUtf8());
+    const LogCapture capture;
+    QCOMPARE(DFU::dfu_util::execution_test(), passed);
+    log.prepend("info: Start  " + shown(program, QList<QString>{"-V"}));
+    QCOMPARE(capture.lines(), log);
+}
+
+void tst_Dfu::waits_past_time_limit()
+{
+    if (qEnvironmentVariableIntValue("LUMAXIS_SLOW_TESTS") != 1)
+        QSKIP("waits out the 30 s limit; run with LUMAXIS_SLOW_TESTS=1 (ctest -L slow)");
+
+    DFU::Command::path.clear();
+    DFU::commands[DFU::download_FW] = {QStringLiteral(LUMAXIS_FAKE_SLEEP), {"32"}};
+    const LogCapture capture;
+    const DFU::CommandResult result = DFU::run_command(DFU::download_FW, {"early", "late"});
+    // Never killed; what was read for the time-out line is not part of the result.
+    QCOMPARE(result.exit_code, 0);
+    QCOMPARE(result.output, QStringLiteral("late\n"));
+    QCOMPARE(capture.lines().last(), QStringLiteral("info: will wait again, forever"));
+}
+
+void tst_Dfu::listing_data()
+{
+    QTest::addColumn<QString>("listing");
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QStringList>("serials");
+
+    const QString banner = QStringLiteral("dfu-util 0.11\n\nCopyright 2010-2021 Tormod Volden\n\n");
+    QTest::newRow("nothing attached") << banner << 0 << QStringList();
+    QTest::newRow("one unit") << banner + unit(A) << 1 << QStringList{A};
+    QTest::newRow("three lines") << banner + unit(A, 3) << 2 << QStringList{A};
+    QTest::newRow("two units") << unit(A) + unit(B) << 3 << QStringList{A, B};
+    QTest::newRow("other release ignored") << unit(A) + line(A, 0, "2201") << 1 << QStringList{A};
+    QTest::newRow("CRLF") << QString(unit(A)).replace("\n", "\r\n") << 1 << QStringList{A};
+    QTest::newRow("lower-case serial") << unit("3473375a3334") << 1 << QStringList{"3473375a3334"};
+    QTest::newRow("non-hex serial") << unit("UNKNOWN") << 0 << QStringList();
+    QTest::newRow("other vendor") << QString(line(B)).replace("0483:df11", "1d50:6017") + unit(A)
+                                  << 1 << QStringList{A};
+    QTest::newRow("line without serial stops")
+        << line(A, 3) + line(B, 2) + line(QString(), 1) + line(A, 0) << 0 << QStringList{A, B};
+}
+
+void tst_Dfu::listing()
+{
+    QFETCH(QString, listing);
+    QFETCH(int, status);
+    QFETCH(QStringList, serials);
+
+    const DFU::ScanResult scan = DFU::scan_for_devices(listing);
+    QCOMPARE(int(DfuUtilParser(listing).status), status);
+    QCOMPARE(scan.status, status == DfuUtilParser::one_dfu_device ? 0 : 1);
+    QStringList scanned;
+    for (const DFU::DeviceItem& item : scan.devices)
+        scanned << item.serial;
+    QCOMPARE(scanned, serials);
+}
+
+void tst_Dfu::read_device_info_data()
+{
+    QTest::addColumn<QByteArray>("otp");
+    QTest::addColumn<QByteArray>("otp_exit"); // also the read-out's exit code
+    QTest::addColumn<QByteArray>("fw_info_exit");
+    QTest::addColumn<QString>("text");    // the DeviceInfo's text form afterwards
+    QTest::addColumn<QStringList>("log"); // a mismatch line is also the result's output
+
+    const QString fw = QStringLiteral("FW info:\n  Type: ProductInfo: KSTR (3)\n"
+                                      "  Name: Vega-5 LinkSync\n  Rev.: 2.3.0\n  Details:");
+    const QString otp_line =
+        QStringLiteral(R"(info: "OTP info:\nOTP info:\nMarker %1\nProduct: ProductInfo: %2\n")");
+    const QString mismatch = QStringLiteral("info: Upload done.\nFW assumed invalid because of "
+                                            "product type mismatch.\nOTP contains%1\nwhereas FW "
+                                            "contains\n%2");
+    const QString unread = QStringLiteral("DeviceInfo:\n\tDevice type:\t%1\n\tFW_revision:\told\n");
+    const QString match = QStringLiteral("DeviceInfo:\n\tDevice type:\t3\n\tFW_revision:\t2.3.0\n");
+
+    QTest::newRow("OTP upload fails") << otp(Device::Kestrel) << QByteArray("1") << QByteArray("0")
+                                      << "DeviceInfo:\nInvalid" << QStringList();
+    QTest::newRow("products match")
+        << otp(Device::Kestrel) << QByteArray("0") << QByteArray("0") << match
+        << QStringList{otp_line.arg("valid", "KSTR (3)"), "info: " + match + ' ' + fw};
+    QTest::newRow("products differ")
+        << otp(Device::Verdant) << QByteArray("0") << QByteArray("0") << unread.arg(4)
+        << QStringList{otp_line.arg("valid", "VRDN (4)"),
+                       mismatch.arg("ProductInfo: VRDN (4)", fw)};
+    QTest::newRow("FW-info upload fails")
+        << otp(Device::Kestrel) << QByteArray("0") << QByteArray("74") << unread.arg(3)
+        << QStringList{otp_line.arg("valid", "KSTR (3)"),
+                       mismatch.arg("ProductInfo: KSTR (3)", "FW info:\n\tInvalid")};
+    QTest::newRow("blank OTP, normal build")
+        << ImageTool::blank_otp_area() << QByteArray("0") << QByteArray("0") << unread.arg(0)
+        << QStringList{"info: Upload done.\n OTP is blank.\n",
+                       otp_line.arg("invalid", "invalid (0)"),
+                       mismatch.arg("ProductInfo: invalid (0)", fw)};
+}
+
+void tst_Dfu::read_device_info()
+{
+    QFETCH(QByteArray, otp);
+    QFETCH(QByteArray, otp_exit);
+    QFETCH(QByteArray, fw_info_exit);
+    QFETCH(QString, text);
+    QFETCH(QStringList, log);
+
+    // A failed upload leaves its file behind, and the fake, like dfu-util, refuses an existing
+    // target: each row also proves that the files of the row before were deleted.
+    put("otp.bin", otp);
+    put("flash.bin", image(Device::Kestrel));
+    put("upload_OTP.stdout", "Upload done.\n");
+    put("upload_OTP.exit", otp_exit);
+    put("upload_FW_info.exit", fw_info_exit);
+
+    DFU::DeviceInfo info;
+    info.FW_revision = QStringLiteral("old"); // the read-out fills fields, never resets
+    const LogCapture capture;
+    const DFU::CommandResult result = DFU::read_device_info(nullptr, &info);
+    QCOMPARE(capture.lines().filter(QRegularExpression("^info: (?!Start |Exit with)")), log);
+    QCOMPARE(result.exit_code, otp_exit.toInt());
+    const bool mismatch = !log.isEmpty() && log.last().contains("FW assumed invalid");
+    QCOMPARE(result.output, mismatch ? log.last().mid(6) : QStringLiteral("Upload done.\n"));
+    QCOMPARE(QString(info), text);
+    QCOMPARE(info.FW_info.valid, text.contains("2.3.0"));
+}
+
+void tst_Dfu::read_back_data()
+{
+    QTest::addColumn<QByteArray>("flash");
+    QTest::addColumn<QByteArray>("upload_exit");
+    QTest::addColumn<bool>("equal");
+
+    const QByteArray bytes = image(Device::Kestrel);
+    QByteArray last_differs = bytes;
+    last_differs[4095] = char(bytes[4095] ^ 1);
+    QTest::newRow("flash holds the image")
+        << bytes + QByteArray(500, '\xFF') << QByteArray("0") << true;
+    QTest::newRow("last byte differs") << last_differs << QByteArray("0") << false;
+    QTest::newRow("upload fails") << bytes << QByteArray("74") << false;
+}
+
+void tst_Dfu::read_back()
+{
+    QFETCH(QByteArray, flash);
+    QFETCH(QByteArray, upload_exit);
+    QFETCH(bool, equal);
+
+    // No shell between us and the tool: the name reaches it unsplit and unexpanded.
+    const QString target = QStringLiteral("it's \"q\" $HOME;*`id` Grüße ✓.bin");
+    put("reference.bin", image(Device::Kestrel));
+    put(target, "stale"); // must be deleted first, else the tool refuses to upload
+    put("flash.bin", flash);
+    put("upload_FW.exit", upload_exit);
+    QCOMPARE(DFU::upload_and_compare_FW_bin(Files::external_dir.filePath("reference.bin"),
+                                            Files::external_dir.filePath(target)),
+             equal);
+}
+
+void tst_Dfu::desired_FW_read_once()
+{
+    put(Files::desired_FW_fileName_bin, image(Device::Kestrel));
+    // Read once at start-up; a later change of the file is not seen.
+    QCOMPARE(DFU::desired_FW_Info().revision, QStringLiteral("2.3.0"));
+    put(Files::desired_FW_fileName_bin, image(Device::Kestrel, "2.4.0"));
+    QCOMPARE(DFU::desired_FW_Info().revision, QStringLiteral("2.3.0"));
+}
+
+QTEST_GUILESS_MAIN(tst_Dfu)
+#include "tst_dfu.moc"
