@@ -2,6 +2,8 @@
 
 bench_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 tools_dir="$bench_dir/../tools"
+# The build folder as the results table shows it: relative to the source tree when inside it.
+shown_build_dir=$(realpath --relative-to="$bench_dir/.." "$build_dir")
 title="Lumaxis Firmware Upgrade Tool"
 program="$build_dir/app/lumaxis-upgrade"
 virtual_program="$build_dir/app/lumaxis-upgrade-virtual"
@@ -18,18 +20,26 @@ bench_cleanup() {
 }
 trap bench_cleanup EXIT
 
-# Prints the median of the numbers on standard input.
+# Prints the median of the numbers on standard input, with $1 decimals (1 unless given).
 median() {
-  python3 -c 'import statistics, sys; v = [float(x) for x in sys.stdin.read().split()]; print(f"{statistics.median(v):.1f}" if v else "n/a")'
+  python3 -c 'import statistics, sys; v = [float(x) for x in sys.stdin.read().split()]; print(f"{statistics.median(v):.{sys.argv[1]}f}" if v else "n/a")' "${1:-1}"
 }
 
-# Prints "N runs, min .. max" for the numbers on standard input.
+# Prints "N runs, min .. max" for the numbers on standard input, with $1 decimals (1 unless given).
 spread() {
-  python3 -c 'import sys; v = [float(x) for x in sys.stdin.read().split()]; print(f"{len(v)} runs, {min(v):.1f} .. {max(v):.1f}" if v else "no runs")'
+  python3 -c 'import sys; v = [float(x) for x in sys.stdin.read().split()]; d = int(sys.argv[1]); print(f"{len(v)} runs, {min(v):.{d}f} .. {max(v):.{d}f}" if v else "no runs")' "${1:-1}"
 }
 
 note_load() {
   echo "load average: $(cut -d' ' -f1-3 /proc/loadavg), $(nproc) cores"
+}
+
+# Appends a row to the results table $BENCH_TABLE when it is set: figure, median, goal,
+# "N runs, min .. max", command. The load column is the 1-minute load average right now.
+table_row() {
+  [ -n "${BENCH_TABLE:-}" ] || return 0
+  printf '| %s | %s | %s | %s | %s | `%s` |\n' "$1" "$2" "$3" "$4" \
+    "$(cut -d' ' -f1 /proc/loadavg)" "$5" >>"$BENCH_TABLE"
 }
 
 # The program that talks to the virtual unit: the variant that embeds its library, or else the
@@ -51,7 +61,7 @@ stamp_of() {
 # Waits until stamped log $1 holds a line with $2, for at most $3 seconds, while process $4 runs.
 wait_for_line() {
   local deadline=$((SECONDS + $3))
-  until grep -qF -- "$2" "$1"; do
+  until grep -qsF -- "$2" "$1"; do
     if [ $SECONDS -ge "$deadline" ] || ! kill -0 "$4" 2>/dev/null; then
       echo "bench: no line \"$2\" in $1" >&2
       return 1

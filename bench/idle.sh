@@ -51,11 +51,16 @@ print(f"{own + children:.2f} {own:.2f} {children:.2f}")
 EOF
 }
 
+# A share of one core is also the CPU time per minute: 1 % is 600 ms.
 report() {
-  local name="$1" file="$2"
+  local name="$1" file="$2" total
+  total=$(cut -d' ' -f1 "$file" | median 2)
   printf '%s: median %s %% of one core (program %s %%, dfu-util %s %%; total %s)\n' "$name" \
-    "$(cut -d' ' -f1 "$file" | median)" "$(cut -d' ' -f2 "$file" | median)" \
-    "$(cut -d' ' -f3 "$file" | median)" "$(cut -d' ' -f1 "$file" | spread)"
+    "$total" "$(cut -d' ' -f2 "$file" | median 2)" \
+    "$(cut -d' ' -f3 "$file" | median 2)" "$(cut -d' ' -f1 "$file" | spread 2)"
+  table_row "Idle, $name" "$total % ($(python3 -c "print(round($total * 600))") ms CPU/min)" \
+    "< 1 %" "$(cut -d' ' -f1 "$file" | spread 2), ${seconds} s each" \
+    "bench/idle.sh $shown_build_dir $runs $seconds"
 }
 
 # shellcheck disable=SC2207

@@ -1,0 +1,113 @@
+#!/usr/bin/env bash
+# Upgrade overhead and memory: full upgrades against a virtual unit (fast timing) under Xvfb,
+# Install clicked as a person would. The time from the click to "Done" (B6 entered), less the
+# flow's fixed pauses, against the same dfu-util runs issued by hand (bench/hand-runs.sh); the
+# peak resident memory of the program from /usr/bin/time -v.
+# Usage: bench/upgrade.sh [BUILD_DIR] [RUNS]; prints one line per run and the medians.
+set -euo pipefail
+build_dir=$(cd "${1:-build}" && pwd)
+runs=${2:-5}
+source "$(dirname "$0")/common.sh"
+# Off the bus for less than four scan pauses and clearly more than three, so that every run finds
+# the unit again on its fourth scan instead of some on the fifth.
+absent_ms=1750
+# The worker's pauses as start-up sets them: before each scan while no unit is seen, and before
+# each command check while one is attached.
+no_device_poll_ms=500
+connected_poll_ms=1000
+
+# shellcheck disable=SC2207
+virtual=($(virtual_command))
+unit="$work_dir/unit"
+
+bash "$bench_dir/hand-runs.sh" "$build_dir" 20 "$work_dir/hand.txt" >/dev/null
+hand_ms() { sed -n "s/^$1 \([0-9.]*\) .*/\1/p" "$work_dir/hand.txt"; }
+
+start_xvfb
+
+# Prints the phases of stamped log $1 in milliseconds and the flow's share in them; each marker is
+# looked for after the one before it, since "readingInfo" also marks the first read-out.
+phases() {
+  python3 - "$1" "$no_device_poll_ms" "$connected_poll_ms" \
+    "$(hand_ms download_FW)" "$(hand_ms list_none)" "$(hand_ms list)" "$(hand_ms upload_OTP)" \
+    "$(hand_ms upload_FW_info)" "$(hand_ms upload_FW)" <<'EOF'
+import sys
+markers = ["Install clicked", '"-D"', "SM_A: /sig_FwDownloaded", "SM_A: /sig_readingInfo",
+           "SM_A: /sig_DevConn", "SM_A: /sig_FwUploading", "SM_B: entered B6"]
+stamps, i = [], 0
+for line in open(sys.argv[1], errors="replace"):
+    if i < len(markers) and markers[i] in line:
+        stamps.append(float(line.split(" ", 1)[0]))
+        i += 1
+if i < len(markers):
+    sys.exit(f"bench: marker {markers[i]!r} missing in {sys.argv[1]}")
+no_device_poll, connected_poll = float(sys.argv[2]), float(sys.argv[3])
+download, list_none, list_found, otp, info, upload = (float(x) for x in sys.argv[4:10])
+click, dl_start, dl_end, read_start, devconn, up_start, b6 = stamps
+total = b6 - click
+# Fixed pauses: the worker's sleep before it takes the command (up to one connected pause, as the
+# click falls), one no-device pause before each scan while the unit is away, and one connected
+# pause before the verification is taken.
+absence = read_start - dl_end
+scans = int(absence // no_device_poll)
+pauses = (dl_start - click) + scans * no_device_poll + connected_poll
+hand = download + (scans - 1) * list_none + list_found + otp + info + upload
+work = total - pauses
+print(f"{total:.1f} {pauses:.1f} {work:.1f} {hand:.1f} {(work / hand - 1) * 100:.0f} "
+      f"{dl_end - dl_start:.1f} {absence - scans * no_device_poll:.1f} {scans} "
+      f"{devconn - read_start:.1f} {up_start - devconn - connected_poll:.1f} {b6 - up_start:.1f}")
+EOF
+}
+
+one_run() {
+  local log="$work_dir/upgrade.log" tmp="$work_dir/tmp" timefile="$work_dir/time.txt"
+  rm -rf "$tmp" "$timefile" && mkdir -p "$tmp"
+  LUMAXIS_VIRTUAL_UNIT="$unit" "$unit_tool" create --type 3 --revision 2.2.0 --timing fast \
+    --absent-ms "$absent_ms" >/dev/null
+  LUMAXIS_VIRTUAL_UNIT="$unit" TMPDIR="$tmp" python3 "$bench_dir/stamp-lines.py" --out "$log" \
+    --timeout 120 -- /usr/bin/time -v -o "$timefile" "${virtual[@]}" -l &
+  local wrapper=$!
+  wait_for_line "$log" "SM_B: entered B2" 30 "$wrapper"
+  local window
+  window=$(xdotool search --sync --name "$title" | head -n 1)
+  local X Y WIDTH HEIGHT SCREEN
+  eval "$(xdotool getwindowgeometry --shell "$window")"
+  # The install button sits at (207, 417), 250 by 40, at scale 1.
+  xdotool mousemove "$((X + 207 + 125))" "$((Y + 417 + 20))" click 1
+  wait_for_line "$log" "SM_B: entered B6" 60 "$wrapper"
+  /usr/bin/python3 "$tools_dir/close-window.py" "$window"
+  wait "$wrapper"
+  local rss
+  rss=$(sed -n 's/.*Maximum resident set size (kbytes): //p' "$timefile")
+  echo "$(phases "$log") $((rss / 1024))"
+}
+
+command="bench/upgrade.sh $shown_build_dir $runs"
+echo "# upgrade: ${virtual[*]} -l, Xvfb, virtual unit fast timing, absent ${absent_ms} ms; $(note_load)"
+echo "# by hand (ms, median of 20): $(cut -d' ' -f1-2 "$work_dir/hand.txt" | tr '\n' ' ')"
+echo "# columns: click to Done, fixed pauses, the rest, the same runs by hand, overhead %;" \
+  "download, scans beyond pauses, number of scans, read-out, beyond connected pause," \
+  "read-back and compare (ms); peak RSS MiB"
+: >"$work_dir/upgrade.txt"
+for i in $(seq "$runs"); do
+  one_run | tee -a "$work_dir/upgrade.txt" | sed "s/^/run $i: /"
+done
+names=(click_to_done fixed_pauses beyond_pauses by_hand overhead_percent download scans_beyond_pauses
+  scans read_out beyond_connected_pause read_back peak_rss_mib)
+for c in "${!names[@]}"; do
+  printf '%s: median %s (%s)\n' "${names[$c]}" "$(cut -d' ' -f$((c + 1)) "$work_dir/upgrade.txt" | median)" \
+    "$(cut -d' ' -f$((c + 1)) "$work_dir/upgrade.txt" | spread)"
+done
+column() { cut -d' ' -f"$1" "$work_dir/upgrade.txt" | median "${2:-1}"; }
+table_row "Upgrade, Install click to Done" "$(column 1) ms" "" \
+  "$(cut -d' ' -f1 "$work_dir/upgrade.txt" | spread)" "$command"
+table_row "Upgrade, fixed pauses in it" "$(column 2) ms" "" \
+  "$(cut -d' ' -f2 "$work_dir/upgrade.txt" | spread)" "$command"
+table_row "Upgrade, beyond the pauses" "$(column 3) ms" "" \
+  "$(cut -d' ' -f3 "$work_dir/upgrade.txt" | spread)" "$command"
+table_row "Upgrade, the same dfu-util runs by hand" "$(column 4) ms" "" \
+  "$(cut -d' ' -f4 "$work_dir/upgrade.txt" | spread)" "$command"
+table_row "Upgrade overhead beyond the pauses" "$(column 5 0) %" "< 10 %" \
+  "$(cut -d' ' -f5 "$work_dir/upgrade.txt" | spread 0)" "$command"
+table_row "Peak RSS through an upgrade" "$(column 12 0) MiB" "< 80 MB" \
+  "$(cut -d' ' -f12 "$work_dir/upgrade.txt" | spread 0)" "$command"
