@@ -367,13 +367,13 @@ static int direction_matches(const struct vu_bootloader* unit, int download)
 static int data_fault(struct vu_bootloader* unit, int download, int length, unsigned timeout_ms)
 {
     long long before = download ? unit->bytes_down : unit->bytes_up;
-    if (download && crosses(unit, "unplug_after", before, length)) {
+    if (!direction_matches(unit, download))
+        return 0;
+    if (crosses(unit, "unplug_after", before, length)) {
         fault_fired(unit, "unplug_after");
         drop_off_bus(unit, 1);
         return LIBUSB_ERROR_NO_DEVICE;
     }
-    if (!direction_matches(unit, download))
-        return 0;
     if (crosses(unit, "fail_after", before, length)) {
         fault_fired(unit, "fail_after");
         return LIBUSB_ERROR_IO;

@@ -470,10 +470,11 @@ int main(int argc, char* argv[])
          QStringLiteral("inject: how long a hang lasts (default: the request's time-out)."),
          QStringLiteral("ms")},
         {QStringLiteral("direction"),
-         QStringLiteral("inject: what --fail-after and --stall-after count (default any)."),
+         QStringLiteral("inject: what --fail-after, --stall-after and --unplug-after count "
+                        "(default any)."),
          QStringLiteral("upload|download|any")},
         {QStringLiteral("unplug-after"),
-         QStringLiteral("inject: the unit is pulled once a download crosses this many bytes."),
+         QStringLiteral("inject: the unit is pulled once a transfer crosses this many bytes."),
          QStringLiteral("bytes")},
         {QStringLiteral("flip-byte"),
          QStringLiteral("inject: uploads return this address's byte inverted."),
