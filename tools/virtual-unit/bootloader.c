@@ -475,6 +475,13 @@ static int upload(struct vu_bootloader* unit, uint16_t block, uint8_t* data, uin
     int fault = data_fault(unit, 0, length, timeout_ms);
     if (fault)
         return fault;
+    const uint16_t asked = length;
+    if (crosses(unit, "short_after", unit->bytes_up, length)) {
+        /* The read-out ends early with a short block; dfu-util takes it as the end. */
+        long long rest = vu_conf_get_int(&unit->conf, "short_after", 0) - unit->bytes_up;
+        length = rest > 0 ? (uint16_t)rest : 0;
+        fault_fired(unit, "short_after");
+    }
     int n = read_memory(unit, address, data, length);
     if (n < 0)
         return refuse(unit, VU_errADDRESS);
@@ -486,7 +493,7 @@ static int upload(struct vu_bootloader* unit, uint16_t block, uint8_t* data, uin
     wire_delay(unit, n);
     unit->bytes_up += n;
     /* A short block ends the upload, as the DFU protocol has it. */
-    unit->state = n < length ? VU_dfuIDLE : VU_dfuUPLOAD_IDLE;
+    unit->state = n < asked ? VU_dfuIDLE : VU_dfuUPLOAD_IDLE;
     return n;
 }
 

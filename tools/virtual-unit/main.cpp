@@ -284,9 +284,10 @@ Error plug(const QString& dir, bool plugged)
     return unit.save();
 }
 
-const char* const faultKeys[] = {"fail_after",         "stall_after",   "stall_ms",
-                                 "fault_direction",    "unplug_after",  "flip_address",
-                                 "leave_status_fails", "second_serial", "faults_once"};
+const char* const faultKeys[] = {"fail_after",    "stall_after",        "stall_ms",
+                                 "short_after",   "fault_direction",    "unplug_after",
+                                 "flip_address",  "leave_status_fails", "second_serial",
+                                 "faults_once"};
 
 Error inject(const QCommandLineParser& args, const QString& dir)
 {
@@ -302,6 +303,7 @@ Error inject(const QCommandLineParser& args, const QString& dir)
                    {"stall-after", "stall_after"},
                    {"stall-ms", "stall_ms"},
                    {"unplug-after", "unplug_after"},
+                   {"short-after", "short_after"},
                    {"flip-byte", "flip_address"}};
     for (const auto& entry : numbers) {
         const QString option = QLatin1String(entry.option);
@@ -475,6 +477,9 @@ int main(int argc, char* argv[])
          QStringLiteral("upload|download|any")},
         {QStringLiteral("unplug-after"),
          QStringLiteral("inject: the unit is pulled once a transfer crosses this many bytes."),
+         QStringLiteral("bytes")},
+        {QStringLiteral("short-after"),
+         QStringLiteral("inject: an upload ends with a short block after this many bytes."),
          QStringLiteral("bytes")},
         {QStringLiteral("flip-byte"),
          QStringLiteral("inject: uploads return this address's byte inverted."),
