@@ -6,19 +6,14 @@
 
 #include "support/files.h"
 
-static void print_log_line(QtMsgType type, const QMessageLogContext&, const QString& message)
-{
-    static const char* const levels[] = {"debug", "warning", "critical", "fatal", "info"};
-    std::printf("%s: %s\n", levels[type], qPrintable(message));
-}
-
 int main(int argc, char* argv[])
 {
     QCoreApplication app(argc, argv);
-    qInstallMessageHandler(print_log_line);
-    const std::vector<Files::ID> ids{Files::desired_FW_dfu, Files::desired_FW_bin, Files::dfu_util};
+    qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& message) {
+        std::printf("%s\n", qPrintable(message));
+    });
+    const std::vector<Files::ID> ids{Files::desired_FW_dfu, Files::dfu_util};
     const bool strict = Files::extract_resources(ids, true);
     const bool lenient = Files::extract_resources(ids, false);
-    std::printf("strict=%s\nlenient=%s\n", strict ? "true" : "false", lenient ? "true" : "false");
-    return 0;
+    std::printf("strict=%d\nlenient=%d\n", strict, lenient);
 }
