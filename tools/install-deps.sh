@@ -13,7 +13,7 @@ packages=(
   # headless runs and screenshots
   xvfb xauth xdotool x11-apps imagemagick python3-xlib
   # desktop integration and the Debian package
-  librsvg2-bin desktop-file-utils appstream dpkg-dev fakeroot
+  librsvg2-bin desktop-file-utils appstream dpkg-dev fakeroot lintian
 )
 if [ "$#" -gt 0 ]; then
   packages+=("$@")
