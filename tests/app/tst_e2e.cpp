@@ -1,0 +1,126 @@
+// The whole program in simulator mode, one run per scenario: start-up, flow, keys, shutdown.
+#include <QDebug>
+#include <QDir>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include "common/programrun.h"
+#include "device/fwinfo.h"
+#include "simulator/simulator.h"
+#include "support/support_misc.h"
+
+class tst_E2E final : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    // The test prepares each scenario's state folder through the program's own simulator set-up.
+    void initTestCase() { simulator::setup_for_simulated_dfu_util(simulator::fast_progress); }
+    void scenario_data();
+    void scenario();
+};
+
+void tst_E2E::scenario_data()
+{
+    // Steps: a text the output must show next, or ">command" sent to the window (programrun.h).
+    QTest::addColumn<QString>("config");
+    QTest::addColumn<bool>("fast");
+    QTest::addColumn<QStringList>("steps");
+
+    const QString offered = QStringLiteral("entered B2");
+    QTest::newRow("default: whole upgrade") << "default" << true
+                                            << QStringList{"entered B1",
+                                                           offered,
+                                                           ">click",
+                                                           "/sig_DoDownload",
+                                                           "entered B3",
+                                                           "entered B1",
+                                                           "entered B4",
+                                                           "/sig_FwMatches",
+                                                           "entered B6",
+                                                           ">state",
+                                                           "bar=\"Done. Disconnect USB cable.\""};
+    QTest::newRow("same revision")
+        << "same_revision" << true << QStringList{"entered B1", "entered B4", "entered B6"};
+    QTest::newRow("read-back differs")
+        << "readback_differs" << true
+        << QStringList{"entered B4", "/sig_UpgradePossible", "/sig_FwDiffers", ">state",
+                       "install=1 bar=hidden"};
+    QTest::newRow("other product")
+        << "other_product" << true << QStringList{"entered B8", ">state", "install=0"};
+    // B9 announces itself by its two signals only.
+    QTest::newRow("blank OTP") << "blank_otp" << true
+                               << QStringList{"/sig_DeviceConnected", "/sig_UpgradeImpossible",
+                                              "/sig_DifferingRevision", ">state", "install=0"};
+    QTest::newRow("no unit") << "no_unit" << true
+                             << QStringList{"entered B1", "SM_A: /sig_NoDevConn", ">state",
+                                            "install=0 bar=hidden"};
+    // Realistic timing, so that the download is still running when the key comes.
+    QTest::newRow("Escape during download")
+        << "default" << false << QStringList{offered,
+                                             ">click",
+                                             "\"download_FW\"",
+                                             ">key Escape",
+                                             "Msg-handler reset",
+                                             "Trying to stop sm_A",
+                                             ">state",
+                                             "visible=1"};
+}
+
+void tst_E2E::scenario()
+{
+    QFETCH(QString, config);
+    QFETCH(bool, fast);
+    QFETCH(QStringList, steps);
+
+    QTemporaryDir state;
+    qputenv("LUMAXIS_SIMULATOR_STATE", state.path().toLocal8Bit());
+    QCOMPARE(simulator::sim_setup_prepared_config(config), 0);
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("LUMAXIS_SIMULATOR_FAST"), fast ? "1" : "0");
+    environment.insert(QStringLiteral("LUMAXIS_SIMULATOR_ABSENT_MS"), QStringLiteral("300"));
+
+    QString desired;
+    QDebug(&desired).noquote() << "Desired (embedded)"
+                               << Device::make_FW_Info(simulator::dfu_util_path(
+                                      QStringLiteral("images/firmware.bin")));
+    const QStringList start_up{
+        "Will use simulator (i.e. option 'use_simulator).",
+        QStringLiteral("Compiled for platform (OS): %1 with 'DEBUG' not defined")
+            .arg(QDebug::toString(support_misc::compiled_for_platform())),
+        "Extracted  \"firmware.dfu\"",
+        "Extracted  \"dfu-util\"",
+        "Result of execution test: status was ok and output: \"as expected\"",
+        desired};
+
+    programrun::ProgramRun program;
+    QVERIFY(program.start({"-s", "-l"}, environment));
+    for (const QString& step : start_up + steps) {
+        if (!step.startsWith(QLatin1Char('>')))
+            QVERIFY2(program.waitFor(step),
+                     qPrintable(step + "\n--- not after:\n" + program.output()));
+        else
+            QVERIFY2(uint(program.send(step.mid(1))) < 1500u, qPrintable(step));
+    }
+
+    if (!steps.endsWith(QStringLiteral(">close")))
+        QVERIFY(program.send(QStringLiteral("close")) >= 0);
+    QElapsedTimer closing;
+    closing.start();
+    QVERIFY(program.waitFor(QStringLiteral("app.exec() returns:  0")));
+    QVERIFY(program.waitFor(QStringLiteral("Waiting 2 s before deleting objects")));
+    QCOMPARE(program.finish(), 0);
+    // The pause of GUI_cleanup, which the idle worker outlasts no more.
+    QVERIFY2(closing.elapsed() >= 1900 && closing.elapsed() < 4000,
+             qPrintable(QString::number(closing.elapsed())));
+    QCOMPARE(program.output().contains(QStringLiteral("Trying to stop sm_A")),
+             steps.contains(QStringLiteral(">key Escape")));
+    const QRegularExpression extracted(QStringLiteral("\"([^\"]*)/dfu-util\""));
+    const QString folder = extracted.match(program.output()).captured(1);
+    QVERIFY(!folder.isEmpty());
+    QVERIFY2(!QDir(folder).exists(), qPrintable(folder));
+}
+
+PROGRAMRUN_TEST_MAIN(tst_E2E)
+#include "tst_e2e.moc"
