@@ -40,7 +40,7 @@ void GUI_init()
     if (!simulator::use)
         DFU::Command::path = Files::external_dir.path();
     else
-        simulator::setup_for_simulated_dfu_util(simulator::Setup(0));
+        simulator::setup_for_simulated_dfu_util(simulator::normal_progress);
 
     qInfo() << "Compiled for platform (OS):" << support_misc::compiled_for_platform()
             << "with 'DEBUG'"
