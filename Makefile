@@ -3,9 +3,10 @@ BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 CMAKE_ARGS ?=
+FUZZ_SECONDS ?= 60
 BENCH_BUILD_DIR ?= build-bench
 
-.PHONY: all deps configure build test test-all demo package clean
+.PHONY: all deps configure build test test-all demo package clean fuzz test-asan test-tsan
 
 all: build
 
@@ -31,6 +32,21 @@ demo: build
 # The Debian package: the program, the udev rule, the menu entry, icons and metadata.
 package: build
 	cd $(BUILD_DIR) && cpack -G DEB
+
+# libFuzzer targets for the parsers of outside bytes (fuzz/), each run FUZZ_SECONDS on one core.
+fuzz:
+	@tools/install-deps.sh clang libclang-rt-14-dev
+	cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
+		-DCMAKE_C_COMPILER=clang -DLUMAXIS_FUZZ=ON -DLUMAXIS_BUILD_TESTS=OFF
+	cmake --build build-fuzz -j $(JOBS) --target fuzz_all
+	fuzz/run.sh build-fuzz $(FUZZ_SECONDS)
+
+# The suite under sanitizers, each in its own build tree; see docs/hardening.md.
+test-asan: deps
+	tools/sanitizers/test.sh address build-asan $(JOBS)
+
+test-tsan: deps
+	tools/sanitizers/test.sh thread build-tsan $(JOBS)
 
 # Start-up, idle cost, upgrade overhead and memory (bench/), in a release-like build tree of its
 # own; the table lands in $(BENCH_BUILD_DIR)/bench-results.md. See docs/performance.md.
