@@ -26,7 +26,7 @@ measure() {
   local ready="$1"
   shift
   local log="$work_dir/idle.log" tmp="$work_dir/tmp" pidfile="$work_dir/pid"
-  rm -rf "$tmp" "$pidfile" && mkdir -p "$tmp"
+  rm -rf "$log" "$tmp" "$pidfile" && mkdir -p "$tmp"
   TMPDIR="$tmp" python3 "$bench_dir/stamp-lines.py" --out "$log" --pid-file "$pidfile" \
     --timeout $((seconds + 60)) -- "$@" -l &
   local wrapper=$!

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Upgrade overhead and memory: full upgrades against a virtual unit (fast timing) under Xvfb,
 # Install clicked as a person would. The time from the click to "Done" (B6 entered), less the
-# flow's fixed pauses, against the same dfu-util runs issued by hand (bench/hand-runs.sh); the
-# peak resident memory of the program from /usr/bin/time -v.
+# flow's fixed pauses, against the same dfu-util runs issued by hand (bench/hand-runs.sh) right
+# before each upgrade, so that both see the same load; the CPU time of the program's own threads
+# from the click to "Done", which load hardly changes; the peak resident memory from /usr/bin/time.
 # Usage: bench/upgrade.sh [BUILD_DIR] [RUNS]; prints one line per run and the medians.
 set -euo pipefail
 build_dir=$(cd "${1:-build}" && pwd)
@@ -20,7 +21,6 @@ connected_poll_ms=1000
 virtual=($(virtual_command))
 unit="$work_dir/unit"
 
-bash "$bench_dir/hand-runs.sh" "$build_dir" 20 "$work_dir/hand.txt" >/dev/null
 hand_ms() { sed -n "s/^$1 \([0-9.]*\) .*/\1/p" "$work_dir/hand.txt"; }
 
 start_xvfb
@@ -59,41 +59,56 @@ print(f"{total:.1f} {pauses:.1f} {work:.1f} {hand:.1f} {(work / hand - 1) * 100:
 EOF
 }
 
+# CPU time in milliseconds of every thread of process $1 so far, to the microsecond; a thread
+# may end between the listing and the read.
+thread_cpu_ms() {
+  cat /proc/"$1"/task/*/schedstat 2>/dev/null | awk '{ ns += $1 } END { printf "%.3f", ns / 1e6 }'
+}
+
 one_run() {
   local log="$work_dir/upgrade.log" tmp="$work_dir/tmp" timefile="$work_dir/time.txt"
-  rm -rf "$tmp" "$timefile" && mkdir -p "$tmp"
+  local pidfile="$work_dir/pid"
+  rm -rf "$log" "$tmp" "$timefile" "$pidfile" && mkdir -p "$tmp"
+  bash "$bench_dir/hand-runs.sh" "$build_dir" 10 "$work_dir/hand.txt" >/dev/null
   LUMAXIS_VIRTUAL_UNIT="$unit" "$unit_tool" create --type 3 --revision 2.2.0 --timing fast \
     --absent-ms "$absent_ms" >/dev/null
   LUMAXIS_VIRTUAL_UNIT="$unit" TMPDIR="$tmp" python3 "$bench_dir/stamp-lines.py" --out "$log" \
-    --timeout 120 -- /usr/bin/time -v -o "$timefile" "${virtual[@]}" -l &
+    --pid-file "$pidfile" --timeout 120 -- /usr/bin/time -v -o "$timefile" "${virtual[@]}" -l &
   local wrapper=$!
   wait_for_line "$log" "SM_B: entered B2" 30 "$wrapper"
+  local program_pid cpu_before cpu_after
+  program_pid=$(pgrep -P "$(cat "$pidfile")")
+  # Should this run fail, the program must not outlive the script: /usr/bin/time would leave it.
+  bench_cleanups+=("kill $program_pid 2>/dev/null")
   local window
   window=$(xdotool search --sync --name "$title" | head -n 1)
   local X Y WIDTH HEIGHT SCREEN
   eval "$(xdotool getwindowgeometry --shell "$window")"
   # The install button sits at (207, 417), 250 by 40, at scale 1.
+  cpu_before=$(thread_cpu_ms "$program_pid")
   xdotool mousemove "$((X + 207 + 125))" "$((Y + 417 + 20))" click 1
   wait_for_line "$log" "SM_B: entered B6" 60 "$wrapper"
+  cpu_after=$(thread_cpu_ms "$program_pid")
   /usr/bin/python3 "$tools_dir/close-window.py" "$window"
   wait "$wrapper"
   local rss
   rss=$(sed -n 's/.*Maximum resident set size (kbytes): //p' "$timefile")
-  echo "$(phases "$log") $((rss / 1024))"
+  echo "$(phases "$log") $((rss / 1024)) $(python3 -c "print(f'{$cpu_after - $cpu_before:.1f}')")"
 }
 
 command="bench/upgrade.sh $shown_build_dir $runs"
 echo "# upgrade: ${virtual[*]} -l, Xvfb, virtual unit fast timing, absent ${absent_ms} ms; $(note_load)"
-echo "# by hand (ms, median of 20): $(cut -d' ' -f1-2 "$work_dir/hand.txt" | tr '\n' ' ')"
 echo "# columns: click to Done, fixed pauses, the rest, the same runs by hand, overhead %;" \
   "download, scans beyond pauses, number of scans, read-out, beyond connected pause," \
-  "read-back and compare (ms); peak RSS MiB"
+  "read-back and compare (ms); peak RSS MiB; CPU time of the program's threads (ms)"
 : >"$work_dir/upgrade.txt"
 for i in $(seq "$runs"); do
-  one_run | tee -a "$work_dir/upgrade.txt" | sed "s/^/run $i: /"
+  # In this shell, not a pipeline's, so that a failing run stops the script and its clean-up.
+  one_run >"$work_dir/run.txt"
+  tee -a "$work_dir/upgrade.txt" <"$work_dir/run.txt" | sed "s/^/run $i: /"
 done
 names=(click_to_done fixed_pauses beyond_pauses by_hand overhead_percent download scans_beyond_pauses
-  scans read_out beyond_connected_pause read_back peak_rss_mib)
+  scans read_out beyond_connected_pause read_back peak_rss_mib program_cpu_ms)
 for c in "${!names[@]}"; do
   printf '%s: median %s (%s)\n' "${names[$c]}" "$(cut -d' ' -f$((c + 1)) "$work_dir/upgrade.txt" | median)" \
     "$(cut -d' ' -f$((c + 1)) "$work_dir/upgrade.txt" | spread)"
@@ -109,5 +124,7 @@ table_row "Upgrade, the same dfu-util runs by hand" "$(column 4) ms" "" \
   "$(cut -d' ' -f4 "$work_dir/upgrade.txt" | spread)" "$command"
 table_row "Upgrade overhead beyond the pauses" "$(column 5 0) %" "< 10 %" \
   "$(cut -d' ' -f5 "$work_dir/upgrade.txt" | spread 0)" "$command"
+table_row "Upgrade, CPU time of the program's own threads" "$(column 13) ms" "" \
+  "$(cut -d' ' -f13 "$work_dir/upgrade.txt" | spread)" "$command"
 table_row "Peak RSS through an upgrade" "$(column 12 0) MiB" "< 80 MB" \
   "$(cut -d' ' -f12 "$work_dir/upgrade.txt" | spread 0)" "$command"
