@@ -8,12 +8,14 @@
 #include <QShortcut>
 
 #include "app/shell.h"
+#include "dfu/usbaccess.h"
 #include "gui/installbutton.h"
 #include "gui/logwindow.h"
 #include "gui/mainwindow.h"
 #include "gui/progressbar.h"
 #include <QTimer>
 #include "gui/settings.h"
+#include "simulator/simulator.h"
 #include "statemachines/sm_a.h"
 #include "statemachines/sm_b.h"
 
@@ -27,11 +29,32 @@ QString settings_text(const char* id)
 void show_revision_text()
 {
     const QString product = sm_B->device_info.OTP_info.product_name();
-    const QString revision = sm_B->device_info.FW_revision;
+    // The unit's own bytes go into a rich-text label: markup in them must show as text.
+    const QString revision = sm_B->device_info.FW_revision.toHtmlEscaped();
     const QString text = revision.isEmpty()
                              ? settings_text("status_devRevUnknown").arg(product)
                              : settings_text("status_devRev").arg(product, revision);
     mainWindow->statusLabel()->setText(text);
+}
+
+// What the no-unit status line showed last, so a later look only replaces its own text.
+QString shown_no_unit_text;
+
+// An attached bootloader whose node this user may not open never reaches dfu-util's listing, so
+// the plain no-unit text would stay for good; name the node and the fix instead.
+void show_no_unit_text(QLabel* status)
+{
+    QString text = settings_text("status_noDev");
+    if (!simulator::use) {
+        const QString node =
+            DFU::inaccessible_bootloader_node(QStringLiteral("/sys"), QStringLiteral("/dev"));
+        if (!node.isEmpty())
+            text = settings_text("status_devNoAccess").arg(node);
+        if (!node.isEmpty() && text != shown_no_unit_text)
+            qWarning() << "Cannot open DFU device" << node << "(no permission)";
+    }
+    shown_no_unit_text = text;
+    status->setText(text);
 }
 
 void stop_worker()
@@ -93,7 +116,7 @@ void add_connections(QApplication* app)
     });
     QObject::connect(sm_B, &SM_B::sig_DifferingRevision, show_revision_text);
     QObject::connect(sm_B, &SM_B::sig_UpgradeImpossible, window, [window] {
-        window->statusLabel()->setText(settings_text("status_noDev"));
+        show_no_unit_text(window->statusLabel());
         window->progressBar()->setFormat(QStringLiteral("This text should not be visible!"));
         window->progressBar()->hide();
     });
@@ -106,6 +129,13 @@ void add_connections(QApplication* app)
     });
     QObject::connect(sm_B, &SM_B::sig_FwMatches, on_fw_matches);
     QObject::connect(sm_B, &SM_B::sig_FwDiffers, on_fw_differs);
+    // The unit may be plugged in, or its rule take effect, while the no-unit text shows.
+    auto* access_check = new QTimer(window);
+    QObject::connect(access_check, &QTimer::timeout, window, [window] {
+        if (window->statusLabel()->text() == shown_no_unit_text)
+            show_no_unit_text(window->statusLabel());
+    });
+    access_check->start(1000);
 
     const QKeySequence toggle_keys(Qt::CTRL | Qt::Key_L);
     auto* main_shortcut = new QShortcut(toggle_keys, window);
