@@ -43,6 +43,8 @@ for _ in $(seq 50); do
 done
 
 echo "No display found: running the demo under Xvfb ($DISPLAY); the log goes to $log"
+# The cable comes later, as in the steps the window shows, so the first shot has no unit.
+"$unit_tool" unplug >/dev/null
 "$program" -S -l >"$out_dir/stdout.txt" 2>"$log" &
 program_pid=$!
 
@@ -66,8 +68,9 @@ shot() {
 echo "Screenshots:"
 wait_for "SM_B: entered B1" 30
 window=$(xdotool search --sync --name "$title" | head -n 1)
-sleep 0.5
-shot 1-waiting-for-unit
+sleep 1.5
+shot 1-no-unit
+"$unit_tool" plug >/dev/null
 wait_for "SM_B: entered B2" 30
 sleep 0.5
 shot 2-upgrade-offered
