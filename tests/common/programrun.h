@@ -78,6 +78,8 @@ inline int child_main(int argc, char* argv[])
 // The test's side: starts the program, reads its standard output and error as one text.
 class ProgramRun final
 {
+    Q_DISABLE_COPY_MOVE(ProgramRun)
+
 public:
     ProgramRun() { process_.setProcessChannelMode(QProcess::MergedChannels); }
     // A run left behind by a failed check is closed, so it removes its temporary folder.
@@ -91,8 +93,6 @@ public:
             process_.waitForFinished(5000);
         }
     }
-    ProgramRun(const ProgramRun&) = delete;
-    ProgramRun& operator=(const ProgramRun&) = delete;
 
     // Starts this test executable as the program with the given options ("-s", "-l").
     bool start(const QStringList& arguments,
@@ -147,9 +147,10 @@ private:
     {
         QDeadlineTimer deadline(timeout_ms);
         for (;;) {
+            const bool ended = process_.state() == QProcess::NotRunning; // before the last read
             output_ += QString::fromLocal8Bit(process_.readAll());
             const qsizetype at = output_.indexOf(text, from);
-            if (at >= 0 || deadline.hasExpired() || process_.state() == QProcess::NotRunning)
+            if (at >= 0 || ended || deadline.hasExpired())
                 return at;
             process_.waitForReadyRead(int(qMax<qint64>(1, deadline.remainingTime())));
         }
