@@ -6,6 +6,7 @@
 #include <QKeySequence>
 #include <QLabel>
 #include <QShortcut>
+#include <QTimer>
 
 #include "app/shell.h"
 #include "dfu/usbaccess.h"
@@ -13,7 +14,6 @@
 #include "gui/logwindow.h"
 #include "gui/mainwindow.h"
 #include "gui/progressbar.h"
-#include <QTimer>
 #include "gui/settings.h"
 #include "simulator/simulator.h"
 #include "statemachines/sm_a.h"
@@ -55,6 +55,22 @@ void show_no_unit_text(QLabel* status)
     }
     shown_no_unit_text = text;
     status->setText(text);
+}
+
+// The unit may be plugged in, or its rule take effect, while the no-unit text shows: look again
+// every second, but only while that text is still on the status line.
+void watch_no_unit_text(QLabel* status)
+{
+    show_no_unit_text(status);
+    static QTimer* recheck = nullptr;
+    if (recheck || simulator::use)
+        return;
+    recheck = new QTimer(status);
+    QObject::connect(recheck, &QTimer::timeout, status, [status] {
+        if (status->text() == shown_no_unit_text)
+            show_no_unit_text(status);
+    });
+    recheck->start(1000);
 }
 
 void stop_worker()
@@ -116,7 +132,7 @@ void add_connections(QApplication* app)
     });
     QObject::connect(sm_B, &SM_B::sig_DifferingRevision, show_revision_text);
     QObject::connect(sm_B, &SM_B::sig_UpgradeImpossible, window, [window] {
-        show_no_unit_text(window->statusLabel());
+        watch_no_unit_text(window->statusLabel());
         window->progressBar()->setFormat(QStringLiteral("This text should not be visible!"));
         window->progressBar()->hide();
     });
@@ -129,13 +145,6 @@ void add_connections(QApplication* app)
     });
     QObject::connect(sm_B, &SM_B::sig_FwMatches, on_fw_matches);
     QObject::connect(sm_B, &SM_B::sig_FwDiffers, on_fw_differs);
-    // The unit may be plugged in, or its rule take effect, while the no-unit text shows.
-    auto* access_check = new QTimer(window);
-    QObject::connect(access_check, &QTimer::timeout, window, [window] {
-        if (window->statusLabel()->text() == shown_no_unit_text)
-            show_no_unit_text(window->statusLabel());
-    });
-    access_check->start(1000);
 
     const QKeySequence toggle_keys(Qt::CTRL | Qt::Key_L);
     auto* main_shortcut = new QShortcut(toggle_keys, window);
