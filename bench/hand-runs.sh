@@ -1,13 +1,17 @@
 #!/usr/bin/env bash
-# The dfu-util runs of one upgrade, issued by hand with hyperfine against a virtual unit (fast
-# timing): the same tool file and the same arguments the program uses, from a folder laid out as
-# the program's temporary directory. Usage: bench/hand-runs.sh [BUILD_DIR] [RUNS] [RESULT_FILE];
-# RESULT_FILE receives one "name median_ms (spread)" line per run kind.
+# The dfu-util runs of one upgrade, issued by hand with hyperfine against a virtual unit: the same
+# tool file and the same arguments the program uses, from a folder laid out as the program's
+# temporary directory. Usage: bench/hand-runs.sh [BUILD_DIR] [RUNS] [RESULT_FILE] [TIMING];
+# RESULT_FILE receives one "name median_ms (spread)" line per run kind; TIMING is the unit's,
+# fast (the default) or real.
 set -euo pipefail
 build_dir=$(cd "${1:-build}" && pwd)
 runs=${2:-20}
 source "$(dirname "$0")/common.sh"
 result_file=${3:-$work_dir/hand-runs.txt}
+timing=${4:-fast}
+# Warm-up runs only where there are several: a real-timing download takes 23 s.
+warmup=$((runs > 2 ? 2 : 0))
 
 tool="$work_dir/tool"
 mkdir -p "$tool"
@@ -16,16 +20,16 @@ cp "$virtual_lib_dir/libusb-1.0.so.0" "$tool/libusb-1.0.so.0"
 cp "$build_dir/generated/firmware.bin" "$tool/firmware.bin"
 size=$(stat -c %s "$tool/firmware.bin")
 export LUMAXIS_VIRTUAL_UNIT="$work_dir/unit"
-"$unit_tool" create --type 3 --revision 2.2.0 --timing fast >/dev/null
+"$unit_tool" create --type 3 --revision 2.2.0 --timing "$timing" >/dev/null
 
 dfu="$tool/dfu-util"
-echo "# dfu-util by hand: $dfu with the virtual unit, fast timing; $(note_load)"
+echo "# dfu-util by hand: $dfu with the virtual unit, $timing timing; $(note_load)"
 : >"$result_file"
 # name, prepare command (run before each timed run, not timed), command
 bench() {
   local name="$1" prepare="$2"
   shift 2
-  hyperfine -N --style basic --warmup 2 --runs "$runs" --prepare "$prepare" \
+  hyperfine -N --style basic --warmup "$warmup" --runs "$runs" --prepare "$prepare" \
     --export-json "$work_dir/$name.json" -- "$*" >"$work_dir/$name.out" 2>&1 ||
     { cat "$work_dir/$name.out" >&2; return 1; }
   python3 - "$work_dir/$name.json" "$name" <<'EOF' | tee -a "$result_file"

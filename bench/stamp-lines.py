@@ -9,6 +9,23 @@ import sys
 import time
 
 
+def cpu_ms(pid: int) -> float:
+    """CPU time of every thread of process pid (to the nanosecond) and of its waited-for children
+    (in clock ticks), in milliseconds."""
+    threads = 0
+    task_dir = f"/proc/{pid}/task"
+    for tid in os.listdir(task_dir):
+        try:
+            with open(f"{task_dir}/{tid}/schedstat") as f:
+                threads += int(f.read().split()[0])
+        except (FileNotFoundError, ProcessLookupError):
+            pass  # the thread ended after the listing
+    with open(f"/proc/{pid}/stat") as f:
+        fields = f.read().rsplit(")", 1)[1].split()
+    children_ticks = int(fields[13]) + int(fields[14])  # cutime, cstime
+    return threads / 1e6 + children_ticks * 1000 / os.sysconf("SC_CLK_TCK")
+
+
 def main() -> int:
     parser = argparse.ArgumentParser(
         description="Time-stamps the standard-error lines of a program, counted from its start.")
@@ -18,6 +35,8 @@ def main() -> int:
     parser.add_argument("--timeout", type=float, default=60.0,
                         help="seconds before the program is ended anyway (exit 3)")
     parser.add_argument("--pid-file", help="file that receives the program's process id")
+    parser.add_argument("--cpu-file", help="file that receives the CPU milliseconds of the program's "
+                        "threads and of its ended children when the --until line arrives")
     parser.add_argument("command", nargs=argparse.REMAINDER)
     args = parser.parse_args()
     command = args.command[1:] if args.command[:1] == ["--"] else args.command
@@ -55,8 +74,11 @@ def main() -> int:
             for line in lines:
                 text = line.decode("utf-8", "replace")
                 out.write(f"{now_ms:.1f} {text}\n")
-                if args.until is not None and args.until in text:
+                if args.until is not None and args.until in text and not found:
                     found = True
+                    if args.cpu_file:
+                        with open(args.cpu_file, "w") as f:
+                            f.write(f"{cpu_ms(child.pid):.1f}\n")
             if args.until is not None and found:
                 break
         if pending:
