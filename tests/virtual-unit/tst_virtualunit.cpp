@@ -1,39 +1,18 @@
-// The virtual unit end to end: the real dfu-util lists, reads and writes it through the stand-in
-// libusb.
-#include <QElapsedTimer>
+// The virtual unit: its bootloader request by request, then the real dfu-util listing, reading and
+// writing it through the stand-in libusb.
+#include <QDir>
 #include <QFile>
 #include <QProcess>
-#include <QRandomGenerator>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
+
+#include "tools/virtual-unit/bootloader.h"
 
 namespace {
 
 constexpr int imageSize = 573088;
 constexpr int flashSize = 0x100000;
-constexpr int absentMs = 1000;
-const QString defaultSerial = QStringLiteral("3473375A3334");
-
-struct Run
-{
-    int exitCode = -1;
-    QString out;
-    QString err;
-};
-
-QByteArray randomBytes(int size, quint32 seed)
-{
-    QRandomGenerator generator(seed);
-    QByteArray bytes(size, Qt::Uninitialized);
-    for (char& byte : bytes)
-        byte = char(generator.generate() & 0xFF);
-    return bytes;
-}
-
-QByteArray otpRecord(quint8 type, const QByteArray& qualifiers)
-{
-    return QByteArray("\x11\x47\x23\x01", 4) + char(type) + qualifiers + QByteArray(8, '\0');
-}
 
 QByteArray readAll(const QString& path)
 {
@@ -47,38 +26,20 @@ bool writeAll(const QString& path, const QByteArray& bytes)
     return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
 }
 
-qsizetype commonPrefix(const QByteArray& a, const QByteArray& b)
+// A DfuSe download as dfu-util makes it: the request, a poll that must say busy, a final poll.
+// Returns the final status, or -1 when the bootloader answers off the protocol.
+int dfuseDownload(vu_bootloader* unit, quint16 block, QByteArray data)
 {
-    qsizetype n = 0;
-    while (n < a.size() && n < b.size() && a.at(n) == b.at(n))
-        ++n;
-    return n;
-}
-
-QStringList foundLines(const QString& out)
-{
-    QStringList lines;
-    for (const QString& line : out.split(QLatin1Char('\n')))
-        if (line.startsWith(QLatin1String("Found DFU: ")))
-            lines << line;
-    return lines;
-}
-
-QStringList listLines(int devnum, const QString& serial)
-{
-    const QString names[] = {
-        QStringLiteral("@Device Feature/0xFFFF0000/01*004 e"),
-        QStringLiteral("@OTP Memory /0x1FFF7800/01*512 e,01*016 e"),
-        QStringLiteral("@Option Bytes  /0x1FFFC000/01*016 e"),
-        QStringLiteral("@Internal Flash  /0x08000000/04*016Kg,01*064Kg,07*128Kg")};
-    QStringList lines;
-    for (int alt = 3; alt >= 0; --alt)
-        lines << QStringLiteral("Found DFU: [0483:df11] ver=2200, devnum=%1, cfg=1, intf=0, "
-                                "path=\"1-2.4\", alt=%2, name=\"%3\", serial=\"%4\"")
-                     .arg(devnum)
-                     .arg(alt)
-                     .arg(names[3 - alt], serial);
-    return lines;
+    auto* bytes = reinterpret_cast<uint8_t*>(data.data());
+    if (vu_bootloader_request(unit, 0x21, 1, block, 0, bytes, quint16(data.size()), 5000) !=
+        data.size())
+        return -1;
+    uint8_t s[6] = {};
+    vu_bootloader_request(unit, 0xA1, 3, 0, 0, s, 6, 5000);
+    if (block < 2 && s[4] != VU_dfuDNBUSY)
+        return -1;
+    vu_bootloader_request(unit, 0xA1, 3, 0, 0, s, 6, 5000);
+    return s[4] == (s[0] == VU_OK ? VU_dfuDNLOAD_IDLE : VU_dfuERROR) ? s[0] : -1;
 }
 
 } // namespace
@@ -87,417 +48,222 @@ class tst_VirtualUnit final : public QObject
 {
     Q_OBJECT
 
-private slots:
-    void initTestCase();
-    void init();
-    void listing_data();
-    void listing();
-    void upload_data();
-    void upload();
-    void downloadWritesFlashThenUnitReenumerates();
-    void faults_data();
-    void faults();
-    void faultArmedOnceFiresOnce();
-    void generatedImageCarriesRevision();
-    void badControlInputLeavesUnitAlone_data();
-    void badControlInputLeavesUnitAlone();
-
-private:
-    Run run(const QString& program, const QStringList& args, bool withUnit = true);
-    Run dfuUtil(const QStringList& args, bool withUnit = true);
-    Run control(const QStringList& args);
-    void setUp(const QStringList& commands);
-    QStringList expand(QStringList args) const;
-    int listedLines();
-
     QTemporaryDir m_temp;
-    QString m_unit;
-    QString m_firmware;
-    QString m_oldFirmware;
-    QString m_out;
+    QString m_unit, m_firmware, m_out;
     QByteArray m_image;
     int m_count = 0;
-};
 
-void tst_VirtualUnit::initTestCase()
-{
-    QVERIFY(m_temp.isValid());
-    QVERIFY2(QFile::exists(QStringLiteral(DFU_UTIL)), "dfu-util is not installed");
-    m_image = randomBytes(imageSize, 1);
-    m_firmware = m_temp.filePath(QStringLiteral("firmware.bin"));
-    m_oldFirmware = m_temp.filePath(QStringLiteral("old.bin"));
-    QVERIFY(writeAll(m_firmware, m_image));
-    QVERIFY(writeAll(m_oldFirmware, randomBytes(flashSize, 2)));
-}
-
-void tst_VirtualUnit::init()
-{
-    m_unit = m_temp.filePath(QStringLiteral("unit%1").arg(++m_count));
-    m_out = m_temp.filePath(QStringLiteral("upload%1.bin").arg(m_count));
-}
-
-Run tst_VirtualUnit::run(const QString& program, const QStringList& args, bool withUnit)
-{
-    QProcess process;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    if (program == QLatin1String(DFU_UTIL))
-        env.insert(QStringLiteral("LD_LIBRARY_PATH"), QStringLiteral(VIRTUAL_USB_DIR));
-    env.remove(QStringLiteral("LUMAXIS_VIRTUAL_UNIT_TRACE"));
-    if (withUnit)
-        env.insert(QStringLiteral("LUMAXIS_VIRTUAL_UNIT"), m_unit);
-    else
-        env.remove(QStringLiteral("LUMAXIS_VIRTUAL_UNIT"));
-    process.setProcessEnvironment(env);
-    process.start(program, args);
-    Run result;
-    if (!process.waitForFinished(60000) || process.exitStatus() != QProcess::NormalExit)
-        return result;
-    result.exitCode = process.exitCode();
-    result.out = QString::fromLocal8Bit(process.readAllStandardOutput());
-    result.err = QString::fromLocal8Bit(process.readAllStandardError());
-    return result;
-}
-
-Run tst_VirtualUnit::dfuUtil(const QStringList& args, bool withUnit)
-{
-    return run(QStringLiteral(DFU_UTIL), expand(args), withUnit);
-}
-
-Run tst_VirtualUnit::control(const QStringList& args)
-{
-    return run(QStringLiteral(VIRTUAL_UNIT_CONTROL), expand(args));
-}
-
-// Rows name the working files by placeholder, since paths exist only once the test runs.
-QStringList tst_VirtualUnit::expand(QStringList args) const
-{
-    for (QString& arg : args) {
-        arg.replace(QLatin1String("%firmware"), m_firmware);
-        arg.replace(QLatin1String("%old"), m_oldFirmware);
-        arg.replace(QLatin1String("%out"), m_out);
-        arg.replace(QLatin1String("%unit"), m_unit);
+    // Runs dfu-util, or the control program, against this test's unit.
+    QProcess* run(QString args, bool control = false)
+    {
+        auto* process = new QProcess(this);
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("LD_LIBRARY_PATH", VIRTUAL_USB_DIR);
+        env.insert("LUMAXIS_VIRTUAL_UNIT", m_unit);
+        process->setProcessEnvironment(env);
+        args.replace("%firmware", m_firmware).replace("%out", m_out);
+        process->start(control ? VIRTUAL_UNIT_CONTROL : DFU_UTIL,
+                       (control ? args : "-d 0483 " + args).split(' '));
+        process->waitForFinished(60000);
+        return process;
     }
-    return args;
-}
-
-void tst_VirtualUnit::setUp(const QStringList& commands)
-{
-    for (const QString& command : commands) {
-        const Run r = control(command.split(QLatin1Char(' ')));
-        QVERIFY2(r.exitCode == 0, qPrintable(command + QLatin1String(": ") + r.err));
+    bool setUp(const QStringList& commands)
+    {
+        for (const QString& command : commands)
+            if (run(command, true)->exitCode() != 0)
+                return false;
+        return true;
     }
-}
+    QStringList listed()
+    {
+        QStringList lines = QString::fromLocal8Bit(run("-l")->readAllStandardOutput()).split('\n');
+        return lines.filter(QRegularExpression("^Found DFU: "));
+    }
 
-int tst_VirtualUnit::listedLines()
-{
-    return int(
-        foundLines(
-            dfuUtil({QStringLiteral("-d"), QStringLiteral("0483"), QStringLiteral("-l")}).out)
-            .size());
-}
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_temp.isValid());
+        m_image.resize(imageSize);
+        for (int i = 0; i < imageSize; ++i) // no runs: a misplaced block cannot match
+            m_image[i] = char((i * 131) ^ (i >> 8));
+        m_firmware = m_temp.filePath(QStringLiteral("firmware.bin"));
+        QVERIFY(writeAll(m_firmware, m_image));
+    }
 
-void tst_VirtualUnit::listing_data()
-{
-    QTest::addColumn<QStringList>("setup");
-    QTest::addColumn<bool>("withVariable");
-    QTest::addColumn<QStringList>("serials");
-    QTest::addColumn<int>("devnum"); // 0: the exact lines are not compared
+    void init()
+    {
+        m_unit = m_temp.filePath(QStringLiteral("unit%1").arg(++m_count));
+        m_out = m_temp.filePath(QStringLiteral("upload%1.bin").arg(m_count));
+    }
 
-    const QString fast = QStringLiteral("create --timing fast");
-    QTest::newRow("one unit") << QStringList{fast} << true << QStringList{defaultSerial} << 7;
-    QTest::newRow("own serial") << QStringList{fast + QLatin1String(" --serial 0123456789AB")}
-                                << true << QStringList{QStringLiteral("0123456789AB")} << 7;
-    QTest::newRow("unplugged") << QStringList{fast, QStringLiteral("unplug")} << true
-                               << QStringList{} << 0;
-    // Each enumeration gets a new address from the host.
-    QTest::newRow("plugged again")
-        << QStringList{fast, QStringLiteral("unplug"), QStringLiteral("plug")} << true
-        << QStringList{defaultSerial} << 9;
-    QTest::newRow("no state folder") << QStringList{} << true << QStringList{} << 0;
-    QTest::newRow("variable unset") << QStringList{fast} << false << QStringList{} << 0;
-    QTest::newRow("second unit") << QStringList{fast,
-                                                QStringLiteral("inject --second-unit 3473375A3335")}
-                                 << true
-                                 << QStringList{QStringLiteral("3473375A3335"), defaultSerial} << 0;
-}
+    // Steps "set|erase ADDR", "write BLOCK BYTE LENGTH" (hex); all but the last must
+    // succeed. Checks "[otp] OFFSET LENGTH BYTE" (hex) on the memory files afterwards.
+    void flash_data()
+    {
+        QTest::addColumn<int>("initial"); // every flash byte before the steps
+        QTest::addColumn<QString>("steps");
+        QTest::addColumn<int>("lastStatus");
+        QTest::addColumn<QString>("checks");
+        const auto row = [](const char* name, int initial, const char* steps, int last,
+                            const char* checks) {
+            QTest::newRow(name) << initial << steps << last << checks;
+        };
+        row("erased sector takes the data", 0x00, "erase 08000000;set 08000000;write 2 A5 800",
+            VU_OK, "0 800 A5;800 3800 FF;4000 10 00");
+        row("writing over data only clears bits, block steps by the transfer size", 0xFF,
+            "set 08000000;write 2 F0 800;set 08000000;write 2 3C 800;write 4 77 10", VU_OK,
+            "0 800 30;800 800 FF;1000 10 77;1010 10 FF");
+        row("erase takes the whole 16K, 64K or 128K sector", 0x00,
+            "erase 08007FFF;erase 08010000;erase 080FFFFF", VU_OK,
+            "3FF0 10 00;4000 4000 FF;8000 8000 00;10000 10000 FF;20000 C0000 00;E0000 20000 FF");
+        row("OTP bytes only clear bits", 0xFF,
+            "set 1FFF7800;write 2 0F 10;set 1FFF7800;write 2 F1 10", VU_OK,
+            "otp 0 10 01;otp 10 200 FF");
+        row("erase outside flash", 0x00, "erase 1FFF7800", VU_errADDRESS, "0 100000 00");
+        row("write past the end of flash", 0x00, "set 080FF800;write 3 FF 800", VU_errADDRESS,
+            "0 100000 00");
+    }
 
-void tst_VirtualUnit::listing()
-{
-    QFETCH(QStringList, setup);
-    QFETCH(bool, withVariable);
-    QFETCH(QStringList, serials);
-    QFETCH(int, devnum);
-    setUp(setup);
+    void flash()
+    {
+        QFETCH(int, initial);
+        QFETCH(QString, steps);
+        QFETCH(QString, checks);
+        QVERIFY(QDir().mkpath(m_unit));
+        QVERIFY(writeAll(m_unit + "/flash.bin", QByteArray(flashSize, char(initial))));
+        QVERIFY(writeAll(m_unit + "/otp.bin", QByteArray(VU_OTP_SIZE, char(0xFF))));
+        vu_conf conf{};
+        vu_conf_set(&conf, "timing", "fast");
+        vu_conf_set(&conf, "plugged", "1");
+        const QByteArray dir = QFile::encodeName(m_unit);
+        QCOMPARE(vu_conf_save(&conf, dir.constData()), 0);
+        vu_bootloader unit{};
+        QCOMPARE(vu_bootloader_open(&unit, dir.constData(), &conf), 0);
+        int status = -1;
+        for (const QString& step : steps.split(';')) {
+            QVERIFY2(status == -1 || status == VU_OK, qPrintable(step));
+            const QStringList w = step.split(' ');
+            QByteArray bytes(1, w[0] == "set" ? 0x21 : 0x41);
+            for (int i = 0; w[0] != "write" && w.size() > 1 && i < 4; ++i)
+                bytes.append(char((w[1].toUInt(nullptr, 16) >> (8 * i)) & 0xFF));
+            if (w[0] == "write")
+                bytes = QByteArray(w[3].toInt(nullptr, 16), char(w[2].toUInt(nullptr, 16)));
+            status = dfuseDownload(&unit, w[0] == "write" ? w[1].toUShort() : 0, bytes);
+        }
+        vu_bootloader_close(&unit);
+        QTEST(status, "lastStatus");
+        for (QString check : checks.split(';')) {
+            const bool otp = check.startsWith("otp ");
+            const QStringList w = check.remove("otp ").split(' ');
+            const int length = w[1].toInt(nullptr, 16);
+            QVERIFY2(readAll(m_unit + (otp ? "/otp.bin" : "/flash.bin"))
+                             .mid(w[0].toInt(nullptr, 16), length) ==
+                         QByteArray(length, char(w[2].toUInt(nullptr, 16))),
+                     qPrintable(check));
+        }
+    }
 
-    const Run r =
-        dfuUtil({QStringLiteral("-d"), QStringLiteral("0483"), QStringLiteral("-l")}, withVariable);
-    QCOMPARE(r.exitCode, 0);
-    QVERIFY(r.out.startsWith(QLatin1String("dfu-util 0.11\n")));
-    const QStringList lines = foundLines(r.out);
-    QCOMPARE(lines.size(), serials.size() * 4);
-    for (int i = 0; i < lines.size(); ++i)
-        QVERIFY2(lines[i].endsWith(QStringLiteral("serial=\"%1\"").arg(serials[i / 4])),
-                 qPrintable(lines[i]));
     // The exact lines a real unit gives: the program's listing parser depends on them.
-    if (devnum)
-        QCOMPARE(lines, listLines(devnum, serials.first()));
-}
-
-void tst_VirtualUnit::upload_data()
-{
-    QTest::addColumn<QStringList>("setup");
-    QTest::addColumn<QStringList>("args");
-    QTest::addColumn<QByteArray>("expected");
-
-    const QByteArray blank512(512, char(0xFF));
-    const QStringList otp{QStringLiteral("-a"), QStringLiteral("2"), QStringLiteral("-s"),
-                          QStringLiteral("0x1FFF7800:512")};
-    QTest::newRow("OTP record") << QStringList{QStringLiteral(
-                                       "create --timing fast --type 3 --qualifiers 010203")}
-                                << otp
-                                << otpRecord(3, QByteArray("\x01\x02\x03", 3)) + blank512.left(496);
-    QTest::newRow("blank OTP area")
-        << QStringList{QStringLiteral("create --timing fast --blank-otp")} << otp << blank512;
-    // The OTP area file holds 528 bytes (with the lock block); an upload of 512 stops before it.
-    QByteArray lastSlot = blank512;
-    lastSlot.replace(496, 16, otpRecord(0x2B, QByteArray(3, char(0xFF))));
-    QTest::newRow("OTP area from a file")
-        << QStringList{QStringLiteral("create --timing fast --otp %unit-otp.bin")} << otp
-        << lastSlot;
-
-    const QStringList create{QStringLiteral("create --timing fast --firmware %firmware")};
-    const auto flash = [](const QString& range) {
-        return QStringList{QStringLiteral("-a"), QStringLiteral("0"), QStringLiteral("-s"), range};
-    };
-    QTest::newRow("information block")
-        << create << flash(QStringLiteral("0x08000000:2048")) << m_image.left(2048);
-    QTest::newRow("whole image") << create << flash(QStringLiteral("0x08000000:573088")) << m_image;
-    QTest::newRow("past the image's end")
-        << create << flash(QStringLiteral("0x0808BE00:1024"))
-        << m_image.mid(0x8BE00) + QByteArray(1024 - (imageSize - 0x8BE00), char(0xFF));
-    QTest::newRow("real timing") << QStringList{QStringLiteral("create --firmware %firmware")}
-                                 << flash(QStringLiteral("0x08000000:2048")) << m_image.left(2048);
-}
-
-void tst_VirtualUnit::upload()
-{
-    QFETCH(QStringList, setup);
-    QFETCH(QStringList, args);
-    QFETCH(QByteArray, expected);
-    QByteArray lastSlot(512 + 16, char(0xFF));
-    lastSlot.replace(496, 16, otpRecord(0x2B, QByteArray(3, char(0xFF))));
-    QVERIFY(writeAll(m_unit + QLatin1String("-otp.bin"), lastSlot));
-    setUp(setup);
-
-    const Run r = dfuUtil(QStringList{QStringLiteral("-d"), QStringLiteral("0483")} + args +
-                          QStringList{QStringLiteral("-U"), m_out});
-    QCOMPARE(r.exitCode, 0);
-    QVERIFY(r.out.contains(QLatin1String("Upload done.")));
-    QCOMPARE(readAll(m_out), expected);
-}
-
-void tst_VirtualUnit::downloadWritesFlashThenUnitReenumerates()
-{
-    setUp({QStringLiteral("create --timing fast --firmware %old --absent-ms %1").arg(absentMs)});
-    QElapsedTimer sinceStart;
-    sinceStart.start();
-    const Run r = dfuUtil({QStringLiteral("-d"), QStringLiteral("0483"), QStringLiteral("-a"),
-                           QStringLiteral("0"), QStringLiteral("-s"),
-                           QStringLiteral("0x08000000:leave"), QStringLiteral("-D"), m_firmware});
-    QCOMPARE(r.exitCode, 0);
-    QVERIFY(r.out.contains(QLatin1String("File downloaded successfully")));
-    QVERIFY(r.out.contains(QLatin1String("Submitting leave request...")));
-
-    // Sectors 0-8 (up to 0x080A0000) were erased; the image's tail leaves the rest of
-    // sector 8 erased, and sectors 9-11 keep the old contents.
-    const QByteArray flash = readAll(m_unit + QLatin1String("/flash.bin"));
-    const QByteArray old = readAll(m_oldFirmware);
-    QCOMPARE(flash.size(), flashSize);
-    QCOMPARE(flash.left(imageSize), m_image);
-    QCOMPARE(flash.mid(imageSize, 0xA0000 - imageSize),
-             QByteArray(0xA0000 - imageSize, char(0xFF)));
-    QCOMPARE(flash.mid(0xA0000), old.mid(0xA0000));
-
-    // Off the bus after leaving DFU mode, then back with the same serial.
-    QCOMPARE(listedLines(), 0);
-    QTRY_COMPARE_WITH_TIMEOUT(listedLines(), 4, 10 * absentMs);
-    QVERIFY(sinceStart.elapsed() >= absentMs);
-
-    const Run readBack = dfuUtil(
-        {QStringLiteral("-d"), QStringLiteral("0483"), QStringLiteral("-a"), QStringLiteral("0"),
-         QStringLiteral("-s"), QStringLiteral("0x08000000:573088"), QStringLiteral("-U"), m_out});
-    QCOMPARE(readBack.exitCode, 0);
-    QCOMPARE(readAll(m_out), m_image);
-}
-
-void tst_VirtualUnit::faults_data()
-{
-    QTest::addColumn<QStringList>("setup");
-    QTest::addColumn<QStringList>("args");
-    QTest::addColumn<int>("exitCode");
-    QTest::addColumn<QString>("error");
-    QTest::addColumn<int>("uploaded");     // bytes in the upload file; -1: no file
-    QTest::addColumn<int>("flipped");      // offset of the one inverted byte; -1: none
-    QTest::addColumn<int>("flashMatches"); // leading image bytes in flash; -1: not checked
-    QTest::addColumn<int>("listedAfter");  // "Found DFU" lines afterwards
-
-    const QString create = QStringLiteral("create --timing fast --absent-ms 60000");
-    const QString createWithImage = create + QLatin1String(" --firmware %firmware");
-    const QStringList upload16k{QStringLiteral("-a"), QStringLiteral("0"),
-                                QStringLiteral("-s"), QStringLiteral("0x08000000:16384"),
-                                QStringLiteral("-U"), QStringLiteral("%out")};
-    const QStringList download{QStringLiteral("-a"), QStringLiteral("0"),
-                               QStringLiteral("-s"), QStringLiteral("0x08000000:leave"),
-                               QStringLiteral("-D"), QStringLiteral("%firmware")};
-
-    // A failed upload leaves what it had read in the file, and dfu-util says nothing else.
-    QTest::newRow("upload fails after 4096 bytes")
-        << QStringList{createWithImage,
-                       QStringLiteral("inject --fail-after 4096 --direction upload")}
-        << upload16k << 74
-        << QStringLiteral("dfuse_upload: libusb_control_transfer returned -1 (LIBUSB_ERROR_IO)")
-        << 4096 << -1 << -1 << 4;
-    QTest::newRow("download-only fault spares uploads")
-        << QStringList{createWithImage,
-                       QStringLiteral("inject --fail-after 0 --direction download")}
-        << upload16k << 0 << QString() << 16384 << -1 << -1 << 4;
-    QTest::newRow("upload stalls after 2048 bytes")
-        << QStringList{createWithImage, QStringLiteral("inject --stall-after 2048 --stall-ms 100")}
-        << upload16k << 74
-        << QStringLiteral(
-               "dfuse_upload: libusb_control_transfer returned -7 (LIBUSB_ERROR_TIMEOUT)")
-        << 2048 << -1 << -1 << 4;
-    QTest::newRow("read-back with a flipped byte")
-        << QStringList{createWithImage, QStringLiteral("inject --flip-byte 0x08000100")}
-        << upload16k << 0 << QString() << 16384 << 0x100 << -1 << 4;
-    QTest::newRow("two units") << QStringList{createWithImage,
-                                              QStringLiteral("inject --second-unit 3473375A3335")}
-                               << upload16k << 74
-                               << QStringLiteral("More than one DFU capable USB device found!")
-                               << -1 << -1 << -1 << 8;
-    QTest::newRow("no unit") << QStringList{createWithImage, QStringLiteral("unplug")} << upload16k
-                             << 74 << QStringLiteral("No DFU capable USB device available") << -1
-                             << -1 << -1 << 0;
-
-    // 48 chunks of 2048 bytes fit below 100000; the 49th is the one that fails.
-    QTest::newRow("download fails after 100000 bytes")
-        << QStringList{create, QStringLiteral("inject --fail-after 100000")} << download << 74
-        << QStringLiteral("dfuse_download: libusb_control_transfer returned -1 (LIBUSB_ERROR_IO)\n"
-                          "dfu-util: Error during download")
-        << -1 << -1 << 48 * 2048 << 4;
-    QTest::newRow("unplugged mid-download")
-        << QStringList{create, QStringLiteral("inject --unplug-after 100000")} << download << 74
-        << QStringLiteral(
-               "dfuse_download: libusb_control_transfer returned -4 (LIBUSB_ERROR_NO_DEVICE)")
-        << -1 << -1 << 48 * 2048 << 0;
-    // The image is written in full, yet dfu-util reports failure: the program must verify.
-    QTest::newRow("leave's last poll fails")
-        << QStringList{create, QStringLiteral("inject --leave-status-fails")} << download << 74
-        << QStringLiteral("dfu-util: Error during download get_status") << -1 << -1 << imageSize
-        << 0;
-}
-
-void tst_VirtualUnit::faults()
-{
-    QFETCH(QStringList, setup);
-    QFETCH(QStringList, args);
-    QFETCH(int, exitCode);
-    QFETCH(QString, error);
-    QFETCH(int, uploaded);
-    QFETCH(int, flipped);
-    QFETCH(int, flashMatches);
-    QFETCH(int, listedAfter);
-    setUp(setup);
-
-    const Run r = dfuUtil(QStringList{QStringLiteral("-d"), QStringLiteral("0483")} + args);
-    QCOMPARE(r.exitCode, exitCode);
-    if (!error.isEmpty())
-        QVERIFY2(r.err.contains(error), qPrintable(r.err));
-    QCOMPARE(QFile::exists(m_out), uploaded >= 0);
-    if (uploaded >= 0) {
-        QByteArray expected = m_image.left(uploaded);
-        if (flipped >= 0)
-            expected[flipped] = char(~expected.at(flipped));
-        QCOMPARE(readAll(m_out), expected);
+    void listing_data()
+    {
+        QTest::addColumn<QStringList>("setup");
+        QTest::addColumn<int>("lines");
+        QTest::addColumn<int>("devnum"); // 0: the lines are only counted
+        const QString fast = QStringLiteral("create --timing fast");
+        QTest::newRow("one unit") << QStringList{fast} << 4 << 7;
+        QTest::newRow("unplugged") << QStringList{fast, "unplug"} << 0 << 0;
+        // Each enumeration gets a new address from the host.
+        QTest::newRow("plugged again") << QStringList{fast, "unplug", "plug"} << 4 << 9;
+        QTest::newRow("second unit")
+            << QStringList{fast, "inject --second-unit 3473375A3335"} << 8 << 0;
     }
-    if (flashMatches >= 0)
-        QCOMPARE(commonPrefix(readAll(m_unit + QLatin1String("/flash.bin")), m_image),
-                 qsizetype(flashMatches));
-    QCOMPARE(listedLines(), listedAfter);
-}
 
-// The failed run leaves the unit in dfuUPLOAD-IDLE, as a real one stays; the next run must
-// abort that before it can read.
-void tst_VirtualUnit::faultArmedOnceFiresOnce()
-{
-    setUp({QStringLiteral("create --timing fast --firmware %firmware"),
-           QStringLiteral("inject --fail-after 2048 --once")});
-    const QStringList upload{QStringLiteral("-d"), QStringLiteral("0483"),
-                             QStringLiteral("-a"), QStringLiteral("0"),
-                             QStringLiteral("-s"), QStringLiteral("0x08000000:8192"),
-                             QStringLiteral("-U"), m_out};
-    QCOMPARE(dfuUtil(upload).exitCode, 74);
-    QCOMPARE(readAll(m_out), m_image.left(2048));
-    QVERIFY(QFile::remove(m_out));
+    void listing()
+    {
+        QFETCH(QStringList, setup);
+        QFETCH(int, devnum);
+        QVERIFY(setUp(setup));
+        const QStringList lines = listed();
+        QTEST(int(lines.size()), "lines");
+        const char* names[] = {"@Internal Flash  /0x08000000/04*016Kg,01*064Kg,07*128Kg",
+                               "@Option Bytes  /0x1FFFC000/01*016 e",
+                               "@OTP Memory /0x1FFF7800/01*512 e,01*016 e",
+                               "@Device Feature/0xFFFF0000/01*004 e"};
+        for (int alt = 0; devnum && alt < 4; ++alt)
+            QCOMPARE(lines[3 - alt],
+                     QStringLiteral("Found DFU: [0483:df11] ver=2200, devnum=%1, cfg=1, intf=0, "
+                                    "path=\"1-2.4\", alt=%2, name=\"%3\", serial=\"3473375A3334\"")
+                         .arg(devnum)
+                         .arg(alt)
+                         .arg(QLatin1String(names[alt])));
+    }
 
-    const Run again = dfuUtil(upload);
-    QCOMPARE(again.exitCode, 0);
-    QVERIFY(again.out.contains(QLatin1String("DFU state(9) = dfuUPLOAD-IDLE")));
-    QCOMPARE(readAll(m_out), m_image.left(8192));
-}
+    // The OTP record as the program parses it, the rest of the 512 bytes erased.
+    void otpUpload()
+    {
+        QVERIFY(setUp({"create --timing fast --type 3 --qualifiers 010203"}));
+        QProcess* p = run("-a 2 -s 0x1FFF7800:512 -U %out");
+        QCOMPARE(p->exitCode(), 0);
+        QVERIFY(p->readAllStandardOutput().contains("Upload done."));
+        QCOMPARE(readAll(m_out), QByteArray("\x11\x47\x23\x01\x03\x01\x02\x03", 8) +
+                                     QByteArray(8, '\0') + QByteArray(496, char(0xFF)));
+    }
 
-void tst_VirtualUnit::generatedImageCarriesRevision()
-{
-    setUp({QStringLiteral("create --timing fast --type 5 --qualifiers 010203 --revision 2.2.1")});
-    const Run r = dfuUtil({QStringLiteral("-d"), QStringLiteral("0483"), QStringLiteral("-a"),
-                           QStringLiteral("0"), QStringLiteral("-s"),
-                           QStringLiteral("0x08000000:2048"), QStringLiteral("-U"), m_out});
-    QCOMPARE(r.exitCode, 0);
-    const QByteArray block = readAll(m_out).mid(0x200);
-    QCOMPARE(block.left(8), QByteArray("\x12\x47\x23\x01\x05\x01\x02\x03", 8));
-    QCOMPARE(block.mid(40, 6), QByteArray("2.2.1\0", 6));
-}
+    // What dfu-util says and leaves behind when the unit fails it: the program relies on both.
+    void faults_data()
+    {
+        QTest::addColumn<QString>("inject");
+        QTest::addColumn<QString>("args");
+        QTest::addColumn<QString>("error");
+        QTest::addColumn<int>("kept"); // image bytes in the upload file, or in flash
+        const QString upload = "-a 0 -s 0x08000000:16384 -U %out";
+        const QString download = "-a 0 -s 0x08000000:leave -D %firmware";
+        QTest::newRow("upload fails after 4096 bytes")
+            << "--fail-after 4096 --direction upload" << upload
+            << "dfuse_upload: libusb_control_transfer returned -1 (LIBUSB_ERROR_IO)" << 4096;
+        // 48 chunks of 2048 bytes fit below 100000; the 49th is the one that fails.
+        QTest::newRow("download fails after 100000 bytes")
+            << "--fail-after 100000" << download
+            << "returned -1 (LIBUSB_ERROR_IO)\ndfu-util: Error during download" << 48 * 2048;
+    }
 
-void tst_VirtualUnit::badControlInputLeavesUnitAlone_data()
-{
-    QTest::addColumn<QString>("command");
-    QTest::addColumn<int>("exitCode");
-    QTest::addColumn<QString>("error");
+    void faults()
+    {
+        QFETCH(QString, inject);
+        QFETCH(QString, args);
+        QFETCH(QString, error);
+        QFETCH(int, kept);
+        const bool upload = args.contains("-U");
+        QVERIFY(setUp({"create --timing fast" + QString(upload ? " --firmware %firmware" : ""),
+                       "inject " + inject}));
+        QProcess* p = run(args);
+        QCOMPARE(p->exitCode(), 74);
+        const QString err = QString::fromLocal8Bit(p->readAllStandardError());
+        QVERIFY2(err.contains(error), qPrintable(err));
+        const QByteArray got = readAll(upload ? m_out : m_unit + "/flash.bin");
+        qsizetype same = 0;
+        while (same < got.size() && same < imageSize && got[same] == m_image[same])
+            ++same;
+        QCOMPARE(same, qsizetype(kept));
+        QCOMPARE(listed().size(), 4); // the unit stays
+    }
 
-    QTest::newRow("type beyond a byte")
-        << QStringLiteral("create --type 300") << 1 << QStringLiteral("--type is one byte");
-    QTest::newRow("missing firmware")
-        << QStringLiteral("create --firmware %unit/none.bin") << 1 << QStringLiteral("cannot read");
-    QTest::newRow("firmware larger than flash") << QStringLiteral("create --firmware %unit/big.bin")
-                                                << 1 << QStringLiteral("more than the 1048576");
-    QTest::newRow("image from a file and a revision")
-        << QStringLiteral("create --firmware %firmware --revision 2.2.1") << 1
-        << QStringLiteral("excludes");
-    QTest::newRow("two OTP sources") << QStringLiteral("create --type 3 --blank-otp") << 1
-                                     << QStringLiteral("exclude each other");
-    QTest::newRow("unknown command")
-        << QStringLiteral("frobnicate") << 2 << QStringLiteral("unknown command");
-}
-
-void tst_VirtualUnit::badControlInputLeavesUnitAlone()
-{
-    QFETCH(QString, command);
-    QFETCH(int, exitCode);
-    QFETCH(QString, error);
-    setUp({QStringLiteral("create --timing fast --firmware %firmware")});
-    QVERIFY(writeAll(m_unit + QLatin1String("/big.bin"), QByteArray(flashSize + 1, '\0')));
-    const QStringList files{QStringLiteral("/unit.conf"), QStringLiteral("/otp.bin"),
-                            QStringLiteral("/flash.bin")};
-    QList<QByteArray> before;
-    for (const QString& file : files)
-        before << readAll(m_unit + file);
-
-    const Run r = control(command.split(QLatin1Char(' ')));
-    QCOMPARE(r.exitCode, exitCode);
-    QVERIFY2(r.err.contains(error), qPrintable(r.err));
-    for (int i = 0; i < files.size(); ++i)
-        QVERIFY2(readAll(m_unit + files[i]) == before[i], qPrintable(files[i]));
-}
+    // A failed run leaves the unit in dfuUPLOAD-IDLE, as a real one stays; dfu-util's next run
+    // must find it so and abort it before it can read.
+    void unitStateOutlivesTheRun()
+    {
+        QVERIFY(setUp(
+            {"create --timing fast --firmware %firmware", "inject --fail-after 2048 --once"}));
+        const QString upload = "-a 0 -s 0x08000000:8192 -U %out";
+        QCOMPARE(run(upload)->exitCode(), 74);
+        QVERIFY(QFile::remove(m_out));
+        QProcess* again = run(upload);
+        QCOMPARE(again->exitCode(), 0);
+        QVERIFY(again->readAllStandardOutput().contains("DFU state(9) = dfuUPLOAD-IDLE"));
+        QCOMPARE(readAll(m_out), m_image.left(8192));
+    }
+};
 
 QTEST_GUILESS_MAIN(tst_VirtualUnit)
 #include "tst_virtualunit.moc"
