@@ -33,8 +33,9 @@ QString filled_text(const Settings::Settings* settings, const Settings::LabelDat
         const Device::ProductInfo product{settings->desired_FW_type};
         return text.replace(QLatin1String("%1"), product.product_name_full());
     }
+    // The revision is the image's own bytes, so markup in it must show as text.
     if (data.id == QLatin1String("4"))
-        return text.replace(QLatin1String("%1"), settings->desired_FW_revision);
+        return text.replace(QLatin1String("%1"), settings->desired_FW_revision.toHtmlEscaped());
     return text;
 }
 

@@ -185,6 +185,11 @@ void TestGui::window_layout()
     QVERIFY(version->text().endsWith(QLatin1String("2.3.0</span>")));
     QCOMPARE(version->alignment(), Qt::AlignRight | Qt::AlignTop);
     QCOMPARE(version->geometry(), QRect(400, 32, 228, version->fontMetrics().height() * 4));
+    // The revision is the image's own bytes: markup in it shows as text.
+    Settings::Settings marked = settings_;
+    marked.desired_FW_revision = QStringLiteral("<b>9</b>");
+    const std::unique_ptr<MainWindow> shown(MainWindow_factory(&marked, nullptr, false));
+    QVERIFY(label_with(shown.get(), QStringLiteral("&lt;b&gt;9&lt;/b&gt;</span>")));
 }
 
 void TestGui::window_keys()
@@ -207,7 +212,8 @@ void TestGui::window_keys()
 
 void TestGui::log_dialog()
 {
-    for (QtMsgType type : {QtInfoMsg, QtCriticalMsg, QtMsgType(42)})
+    // 7 is no message type, yet inside the enum's range: 42 would be undefined behaviour.
+    for (QtMsgType type : {QtInfoMsg, QtCriticalMsg, QtMsgType(7)})
         log_->dialog()->outputMessage(type, context, QStringLiteral("x"));
     log_->dialog()->outputMessage(QtInfoMsg, context, QStringLiteral("<b>Connected</b> to %1."));
     QCOMPARE(log_->dialog()->textBrowser()->toPlainText(),
