@@ -4,6 +4,17 @@
 
 #include <sys/resource.h>
 
+// Under the sanitizer builds the runtime would catch the signal and exit with a status instead.
+extern "C" const char* __asan_default_options()
+{
+    return "handle_segv=0";
+}
+
+extern "C" const char* __tsan_default_options()
+{
+    return "handle_segv=0";
+}
+
 int main()
 {
     // No core file in the test's working directory.
