@@ -116,18 +116,13 @@ for c in "${!names[@]}"; do
   printf '%s: median %s (%s)\n' "${names[$c]}" "$(cut -d' ' -f$((c + 1)) "$work_dir/upgrade.txt" | median)" \
     "$(cut -d' ' -f$((c + 1)) "$work_dir/upgrade.txt" | spread)"
 done
-column() { cut -d' ' -f"$1" "$work_dir/upgrade.txt" | median "${2:-1}"; }
-table_row "Upgrade ($timing), Install click to Done" "$(column 1) ms" "" \
-  "$(cut -d' ' -f1 "$work_dir/upgrade.txt" | spread)" "$command"
-table_row "Upgrade ($timing), fixed pauses in it" "$(column 2) ms" "" \
-  "$(cut -d' ' -f2 "$work_dir/upgrade.txt" | spread)" "$command"
-table_row "Upgrade ($timing), beyond the pauses" "$(column 3) ms" "" \
-  "$(cut -d' ' -f3 "$work_dir/upgrade.txt" | spread)" "$command"
-table_row "Upgrade ($timing), the same dfu-util runs by hand" "$(column 4) ms" "" \
-  "$(cut -d' ' -f4 "$work_dir/upgrade.txt" | spread)" "$command"
-table_row "Upgrade ($timing), overhead beyond the pauses" "$(column 5 0) %" "< 10 %" \
-  "$(cut -d' ' -f5 "$work_dir/upgrade.txt" | spread 0)" "$command"
-table_row "Upgrade ($timing), CPU time of the program's own threads" "$(column 13) ms" "" \
-  "$(cut -d' ' -f13 "$work_dir/upgrade.txt" | spread)" "$command"
-table_row "Upgrade ($timing), peak RSS" "$(column 12 0) MiB" "< 80 MB" \
-  "$(cut -d' ' -f12 "$work_dir/upgrade.txt" | spread 0)" "$command"
+# label, column, unit, goal, decimals
+rows=("Install click to Done|1|ms||1" "fixed pauses in it|2|ms||1" "beyond the pauses|3|ms||1"
+  "the same dfu-util runs by hand|4|ms||1" "overhead beyond the pauses|5|%|< 10 %|0"
+  "CPU time of the program's own threads|13|ms||1" "peak RSS|12|MiB|< 80 MB|0")
+for row in "${rows[@]}"; do
+  IFS='|' read -r label c unit goal decimals <<<"$row"
+  table_row "Upgrade ($timing), $label" \
+    "$(cut -d' ' -f"$c" "$work_dir/upgrade.txt" | median "$decimals") $unit" "$goal" \
+    "$(cut -d' ' -f"$c" "$work_dir/upgrade.txt" | spread "$decimals")" "$command"
+done
