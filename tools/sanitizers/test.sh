@@ -3,8 +3,8 @@
 # Usage: tools/sanitizers/test.sh address|thread BUILD_DIR [JOBS] [ctest arguments...]
 #   address: AddressSanitizer, LeakSanitizer and UndefinedBehaviorSanitizer, any report fails
 #   thread:  ThreadSanitizer
-# Reports that come from inside Qt, not from our code, are silenced in the *.supp files beside
-# this script; each entry says why.
+# ThreadSanitizer reports from inside Qt, not from our code, are silenced in tsan.supp beside
+# this script, with the reason.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(cd "$here/../.." && pwd)
@@ -24,18 +24,19 @@ launcher=()
 if command -v ccache >/dev/null; then
     launcher=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 fi
+# Executables only: the one shared library, the virtual unit's libusb, must stay plain.
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo "${launcher[@]}" \
     -DCMAKE_C_FLAGS="$flags" -DCMAKE_CXX_FLAGS="$flags" \
-    -DCMAKE_EXE_LINKER_FLAGS="$flags" -DCMAKE_SHARED_LINKER_FLAGS="$flags"
-cmake --build "$build" -j "$jobs"
+    -DCMAKE_EXE_LINKER_FLAGS="$flags" -DCMAKE_SHARED_LINKER_FLAGS=""
 
-# Every child the tests start (the program, the fakes) inherits these; a report ends it with 66
-# so a test that checks the exit code or the output notices.
+# Every child the tests start (the program, the fakes) inherits these, and so do the host tools
+# the build runs; a report ends the process with status 66, so a test or the build notices.
 common="exitcode=66:print_stacktrace=1"
 export ASAN_OPTIONS="$common:detect_leaks=1:strict_string_checks=1:detect_stack_use_after_return=1"
-export LSAN_OPTIONS="suppressions=$here/lsan.supp:print_suppressions=0"
 export UBSAN_OPTIONS="$common:halt_on_error=1"
 export TSAN_OPTIONS="$common:halt_on_error=1:second_deadlock_stack=1:suppressions=$here/tsan.supp:print_suppressions=0"
+cmake --build "$build" -j "$jobs"
+
 # The package test would wrap sanitized binaries in a .deb; it is about packaging, not memory.
 cd "$build"
 ctest --output-on-failure -j "$jobs" -LE "slow|packaging" "$@"
