@@ -15,7 +15,13 @@ QByteArray read_all(const QString& path)
 QPair<QByteArray, int> run(const QString& program, const QStringList& args)
 {
     QProcess p;
-    p.setProcessEnvironment(QProcessEnvironment());
+    // An empty environment, so no locale or setting of ours leaks in; a sanitizer build's
+    // options (tools/sanitizers) still have to reach the tools.
+    QProcessEnvironment environment;
+    for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"})
+        if (qEnvironmentVariableIsSet(name))
+            environment.insert(QLatin1String(name), qEnvironmentVariable(name));
+    p.setProcessEnvironment(environment);
     p.start(program, args);
     p.waitForFinished(60000);
     return {p.readAllStandardOutput(), p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1};

@@ -34,7 +34,8 @@ cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo "${launcher[@]}" 
 common="exitcode=66:print_stacktrace=1"
 export ASAN_OPTIONS="$common:detect_leaks=1:strict_string_checks=1:detect_stack_use_after_return=1"
 export UBSAN_OPTIONS="$common:halt_on_error=1"
-export TSAN_OPTIONS="$common:halt_on_error=1:second_deadlock_stack=1:suppressions=$here/tsan.supp:print_suppressions=0"
+# die_after_fork=0: QProcess forks from threaded programs and only execs in the child.
+export TSAN_OPTIONS="$common:halt_on_error=1:second_deadlock_stack=1:die_after_fork=0:suppressions=$here/tsan.supp:print_suppressions=0"
 cmake --build "$build" -j "$jobs"
 
 # The package test would wrap sanitized binaries in a .deb; it is about packaging, not memory.
