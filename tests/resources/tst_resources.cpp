@@ -3,13 +3,9 @@
 #include <QProcess>
 #include <QtTest>
 
-namespace {
+#include "common/filebytes.h"
 
-QByteArray read_all(const QString& path)
-{
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
-}
+namespace {
 
 // Output and exit code, run without environment: no LD_LIBRARY_PATH can help a program.
 QPair<QByteArray, int> run(const QString& program, const QStringList& args)
@@ -50,8 +46,8 @@ private slots:
         QVERIFY(run("/usr/bin/dfu-suffix", {"-c", copy})
                     .first.contains("ID:\t0xDF11\nVendor ID:\t0x0483"));
         // File prefix, target prefix and element header before the image, the suffix after it.
-        const QByteArray dfu = read_all(copy);
-        const QByteArray raw = read_all(QStringLiteral(":resources/firmware.bin"));
+        const QByteArray dfu = file_bytes(copy);
+        const QByteArray raw = file_bytes(QStringLiteral(":resources/firmware.bin"));
         QCOMPARE(dfu.mid(11 + 274 + 8, raw.size()), raw);
         QCOMPARE(dfu.size(), 11 + 274 + 8 + raw.size() + 16);
     }
@@ -77,7 +73,7 @@ private slots:
         QTemporaryDir dir;
         QStringList args = command.replace('@', dir.path()).split(' ');
         QCOMPARE(run(args.takeFirst(), args).second, 0);
-        QVERIFY(read_all(dir.filePath(output)) == read_all(":resources/" + output));
+        QVERIFY(file_bytes(dir.filePath(output)) == file_bytes(":resources/" + output));
     }
 };
 

@@ -2,6 +2,7 @@
 // writes, prints and how it exits.
 #include <QtTest>
 
+#include "common/filebytes.h"
 #include "device/fwinfo.h"
 #include "device/otpinfo.h"
 #include "dfu/commands.h"
@@ -27,12 +28,6 @@ Run run(DFU::CmdID id, const QStringList& extra = {})
     return {ended ? process.exitCode() : -1, QString::fromUtf8(process.readAllStandardError())};
 }
 
-QByteArray read_all(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 } // namespace
 
 class TestSimulatorScript final : public QObject
@@ -41,7 +36,7 @@ class TestSimulatorScript final : public QObject
 
     QTemporaryDir work;
     QScopedPointer<QTemporaryDir> state;
-    const QByteArray image = read_all(simulator::dfu_util_path("images/firmware.bin"));
+    const QByteArray image = file_bytes(simulator::dfu_util_path("images/firmware.bin"));
 
     QString path(const QString& name) const { return work.filePath(name); }
 
@@ -135,7 +130,7 @@ private slots:
         const QString flash = path("flash.bin");
         run(DFU::upload_FW,
             {"-s", QStringLiteral("0x08000000:%1").arg(image.size() + 16), "-U", flash});
-        const QByteArray back = read_all(flash);
+        const QByteArray back = file_bytes(flash);
         QCOMPARE(Device::make_FW_Info(flash).revision, QStringLiteral("2.3.0"));
         QCOMPARE(back.mid(image.size()), QByteArray(16, '\xff')); // erased beyond the image
         int wrong = 0;

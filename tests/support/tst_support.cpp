@@ -2,6 +2,7 @@
 #include <QProcess>
 #include <QTest>
 
+#include "common/filebytes.h"
 #include "common/logcapture.h"
 #include "support/files.h"
 #include "support/support_misc.h"
@@ -16,12 +17,6 @@ const QString name_seen_at_static_init = Files::basename.value(Files::dfu_util);
 QStringList entries(const QString& dir)
 {
     return QDir(dir).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
-}
-
-QByteArray bytes_of(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 } // namespace
@@ -76,7 +71,7 @@ void tst_Support::extract()
     QCOMPARE(Files::extract_resources(ids, strict), result);
     QCOMPARE(capture.lines(), log);
     for (const QString& name : entries(Files::external_dir.path()))
-        QCOMPARE(bytes_of(Files::external_dir.filePath(name)), bytes_of(":resources/" + name));
+        QCOMPARE(file_bytes(Files::external_dir.filePath(name)), file_bytes(":resources/" + name));
     QCOMPARE(name_seen_at_static_init, QStringLiteral("dfu-util"));
 }
 

@@ -5,6 +5,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include "common/filebytes.h"
 #include "common/programrun.h"
 #include "dfu/listingparser.h"
 
@@ -12,12 +13,6 @@ namespace {
 
 const QString older =
     QStringLiteral("create --type 3 --revision 2.2.0 --timing fast --absent-ms 500");
-
-QByteArray readAll(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
 
 } // namespace
 
@@ -51,14 +46,14 @@ bool tst_ProgramVirtual::unit(const QString& command)
 
 bool tst_ProgramVirtual::flashHoldsImage() const
 {
-    return readAll(m_unit + QStringLiteral("/flash.bin")).startsWith(m_image);
+    return file_bytes(m_unit + QStringLiteral("/flash.bin")).startsWith(m_image);
 }
 
 void tst_ProgramVirtual::initTestCase()
 {
     QVERIFY(m_dir.isValid());
     m_unit = m_dir.filePath(QStringLiteral("unit"));
-    m_image = readAll(QStringLiteral(":resources/firmware.bin"));
+    m_image = file_bytes(QStringLiteral(":resources/firmware.bin"));
     QCOMPARE(m_image.size(), 573088);
     // The tool bundle this test links: dfu-util and the virtual libusb, as the program has them.
     for (const char* name : {"dfu-util", "libusb-1.0.so.0", "firmware.dfu"}) {

@@ -7,18 +7,13 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include "common/filebytes.h"
 #include "tools/virtual-unit/bootloader.h"
 
 namespace {
 
 constexpr int imageSize = 573088;
 constexpr int flashSize = 0x100000;
-
-QByteArray readAll(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
 
 bool writeAll(const QString& path, const QByteArray& bytes)
 {
@@ -157,7 +152,7 @@ private slots:
             const bool otp = check.startsWith("otp ");
             const QStringList w = check.remove("otp ").split(' ');
             const int length = w[1].toInt(nullptr, 16);
-            QVERIFY2(readAll(m_unit + (otp ? "/otp.bin" : "/flash.bin"))
+            QVERIFY2(file_bytes(m_unit + (otp ? "/otp.bin" : "/flash.bin"))
                              .mid(w[0].toInt(nullptr, 16), length) ==
                          QByteArray(length, char(w[2].toUInt(nullptr, 16))),
                      qPrintable(check));
@@ -206,7 +201,7 @@ private slots:
         QProcess* p = run("-a 2 -s 0x1FFF7800:512 -U %out");
         QCOMPARE(p->exitCode(), 0);
         QVERIFY(p->readAllStandardOutput().contains("Upload done."));
-        QCOMPARE(readAll(m_out), QByteArray("\x11\x47\x23\x01\x03\x01\x02\x03", 8) +
+        QCOMPARE(file_bytes(m_out), QByteArray("\x11\x47\x23\x01\x03\x01\x02\x03", 8) +
                                      QByteArray(8, '\0') + QByteArray(496, char(0xFF)));
     }
 
@@ -241,7 +236,7 @@ private slots:
         QCOMPARE(p->exitCode(), 74);
         const QString err = QString::fromLocal8Bit(p->readAllStandardError());
         QVERIFY2(err.contains(error), qPrintable(err));
-        const QByteArray got = readAll(upload ? m_out : m_unit + "/flash.bin");
+        const QByteArray got = file_bytes(upload ? m_out : m_unit + "/flash.bin");
         qsizetype same = 0;
         while (same < got.size() && same < imageSize && got[same] == m_image[same])
             ++same;
@@ -261,7 +256,7 @@ private slots:
         QProcess* again = run(upload);
         QCOMPARE(again->exitCode(), 0);
         QVERIFY(again->readAllStandardOutput().contains("DFU state(9) = dfuUPLOAD-IDLE"));
-        QCOMPARE(readAll(m_out), m_image.left(8192));
+        QCOMPARE(file_bytes(m_out), m_image.left(8192));
     }
 };
 
