@@ -9,12 +9,6 @@
 #include "device/otpinfo.h"
 #include "fuzz/fuzzcheck.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    fuzz::quiet_messages();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     using fuzz::require;

@@ -7,12 +7,6 @@
 #include "fuzz/fuzzcheck.h"
 #include "gui/settings.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    fuzz::quiet_messages();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     using fuzz::require;

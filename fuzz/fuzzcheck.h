@@ -1,4 +1,5 @@
-// What every fuzz target shares: a quiet message log and checks that stop the run on a broken rule.
+// What every fuzz target shares: a quiet message log set up before the first input, and checks
+// that stop the run on a broken rule.
 #pragma once
 
 #include <cstdio>
@@ -30,3 +31,11 @@ inline void require(bool holds, const char* rule)
 }
 
 } // namespace fuzz
+
+// Each target is one translation unit of its own executable, so the hook libFuzzer calls once
+// before the first input is defined here rather than repeated in every target.
+extern "C" int LLVMFuzzerInitialize(int*, char***)
+{
+    fuzz::quiet_messages();
+    return 0;
+}
