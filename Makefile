@@ -4,9 +4,10 @@ BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 CMAKE_ARGS ?=
 FUZZ_SECONDS ?= 60
+SANITIZER_CTEST_ARGS ?=
 BENCH_BUILD_DIR ?= build-bench
 
-.PHONY: all deps configure build test test-all demo package clean fuzz test-asan test-tsan
+.PHONY: all deps configure build test test-all demo package clean fuzz test-asan test-tsan bench
 
 all: build
 
@@ -43,14 +44,13 @@ fuzz:
 
 # The suite under sanitizers, each in its own build tree; see docs/hardening.md.
 test-asan: deps
-	tools/sanitizers/test.sh address build-asan $(JOBS)
+	tools/sanitizers/test.sh address build-asan $(JOBS) $(SANITIZER_CTEST_ARGS)
 
 test-tsan: deps
-	tools/sanitizers/test.sh thread build-tsan $(JOBS)
+	tools/sanitizers/test.sh thread build-tsan $(JOBS) $(SANITIZER_CTEST_ARGS)
 
 # Start-up, idle cost, upgrade overhead and memory (bench/), in a release-like build tree of its
 # own; the table lands in $(BENCH_BUILD_DIR)/bench-results.md. See docs/performance.md.
-.PHONY: bench
 bench:
 	@tools/install-deps.sh hyperfine time
 	cmake -S . -B $(BENCH_BUILD_DIR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) $(CMAKE_ARGS)
