@@ -46,7 +46,10 @@ def main() -> int:
     with open(args.out, "w", buffering=1) as out, open(args.stdout, "wb") as stdout:
         # Fork and exec happen inside Popen: the clock starts before both, as a shell's would.
         start = time.monotonic_ns()
-        child = subprocess.Popen(command, stdout=stdout, stderr=subprocess.PIPE)
+        # A session of its own, so that ending it reaches the program behind a wrapper such as
+        # /usr/bin/time too: a program left running would hold the pipe open for good.
+        child = subprocess.Popen(command, stdout=stdout, stderr=subprocess.PIPE,
+                                 start_new_session=True)
         if args.pid_file:
             with open(args.pid_file, "w") as f:
                 f.write(f"{child.pid}\n")
@@ -84,7 +87,7 @@ def main() -> int:
         if pending:
             out.write(f"{(time.monotonic_ns() - start) / 1e6:.1f} {pending.decode('utf-8', 'replace')}\n")
         if child.poll() is None and (args.until is not None or timed_out):
-            child.send_signal(signal.SIGTERM)
+            os.killpg(child.pid, signal.SIGTERM)
         # Keep draining so that a program writing on its way out never blocks on a full pipe.
         for chunk in iter(lambda: os.read(child.stderr.fileno(), 65536), b""):
             pass
