@@ -80,13 +80,8 @@ void tst_E2E::scenario()
     programrun::ProgramRun program;
     QVERIFY(program.start({"-s", "-l"}, environment));
     for (const QString& step : start_up + steps.split(QLatin1Char('|'))) {
-        if (step.startsWith(QLatin1Char('>')))
-            QVERIFY2(uint(program.send(step.mid(1))) < 1500u, qPrintable(step));
-        else if (step.startsWith(QLatin1Char('!')))
-            QVERIFY2(!program.waitFor(step.mid(1), 2000), qPrintable(step));
-        else
-            QVERIFY2(program.waitFor(step),
-                     qPrintable(step + "\n--- not after:\n" + program.output().right(800)));
+        const QString failure = program.step(step, 30000, 2000, 1500);
+        QVERIFY2(failure.isEmpty(), qPrintable(failure));
     }
 
     QVERIFY(program.send(QStringLiteral("close")) >= 0);

@@ -3,6 +3,7 @@
 // PROGRAMRUN_TEST_MAIN instead of QTEST_MAIN and starts itself as the program with ProgramRun.
 #pragma once
 
+#include <limits>
 #include <unistd.h>
 
 #include <QApplication>
@@ -128,6 +129,24 @@ public:
             return -1;
         const qsizetype start = at + answer.size();
         return output_.mid(start, output_.indexOf(QLatin1Char(' '), start) - start).toInt();
+    }
+
+    // One step of a test's script: ">command" for the window, answered within max_send_ms;
+    // "!text" that must not appear within absent_ms; otherwise a text that must come next within
+    // wait_ms. Returns what went wrong, or an empty text.
+    QString step(const QString& step, int wait_ms = 30000, int absent_ms = 2000,
+                 int max_send_ms = std::numeric_limits<int>::max())
+    {
+        bool ok = true;
+        if (step.startsWith(QLatin1Char('>'))) {
+            const int took = send(step.mid(1));
+            ok = took >= 0 && took < max_send_ms;
+        } else if (step.startsWith(QLatin1Char('!'))) {
+            ok = !waitFor(step.mid(1), absent_ms);
+        } else if (!waitFor(step, wait_ms)) {
+            return step + QStringLiteral("\n--- not after:\n") + output_.right(800);
+        }
+        return ok ? QString() : step;
     }
 
     // Waits for the end; the exit status, or -1 after a crash or when the time ran out.
