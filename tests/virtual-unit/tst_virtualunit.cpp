@@ -1,6 +1,7 @@
 // The virtual unit: its bootloader request by request, then the real dfu-util listing, reading and
 // writing it through the stand-in libusb.
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
 #include <QRegularExpression>
@@ -14,6 +15,8 @@ namespace {
 
 constexpr int imageSize = 573088;
 constexpr int flashSize = 0x100000;
+// Transfers select the unit by its DFU-mode IDs alone, as the program does.
+const QString unitOnly = QStringLiteral("-d ,0483:df11 ");
 
 bool writeAll(const QString& path, const QByteArray& bytes)
 {
@@ -44,7 +47,7 @@ class tst_VirtualUnit final : public QObject
     Q_OBJECT
 
     QTemporaryDir m_temp;
-    QString m_unit, m_firmware, m_out;
+    QString m_unit, m_firmware, m_block, m_out;
     QByteArray m_image;
     int m_count = 0;
 
@@ -56,22 +59,24 @@ class tst_VirtualUnit final : public QObject
         env.insert("LD_LIBRARY_PATH", VIRTUAL_USB_DIR);
         env.insert("LUMAXIS_VIRTUAL_UNIT", m_unit);
         process->setProcessEnvironment(env);
-        args.replace("%firmware", m_firmware).replace("%out", m_out);
-        process->start(control ? VIRTUAL_UNIT_CONTROL : DFU_UTIL,
-                       (control ? args : "-d 0483 " + args).split(' '));
+        args.replace("%firmware", m_firmware).replace("%block", m_block).replace("%out", m_out);
+        process->start(control ? VIRTUAL_UNIT_CONTROL : DFU_UTIL, args.split(' '));
         process->waitForFinished(60000);
         return process;
     }
     bool setUp(const QStringList& commands)
     {
-        for (const QString& command : commands)
-            if (run(command, true)->exitCode() != 0)
+        for (const QString& command : commands) {
+            const bool tool = command.startsWith("dfu-util ");
+            if (run(tool ? command.mid(9) : command, !tool)->exitCode() != 0)
                 return false;
+        }
         return true;
     }
     QStringList listed()
     {
-        QStringList lines = QString::fromLocal8Bit(run("-l")->readAllStandardOutput()).split('\n');
+        QStringList lines =
+            QString::fromLocal8Bit(run("-d 0483 -l")->readAllStandardOutput()).split('\n');
         return lines.filter(QRegularExpression("^Found DFU: "));
     }
 
@@ -84,6 +89,8 @@ private slots:
             m_image[i] = char((i * 131) ^ (i >> 8));
         m_firmware = m_temp.filePath(QStringLiteral("firmware.bin"));
         QVERIFY(writeAll(m_firmware, m_image));
+        m_block = m_temp.filePath(QStringLiteral("block.bin"));
+        QVERIFY(writeAll(m_block, m_image.left(2048)));
     }
 
     void init()
@@ -198,49 +205,63 @@ private slots:
     void otpUpload()
     {
         QVERIFY(setUp({"create --timing fast --type 3 --qualifiers 010203"}));
-        QProcess* p = run("-a 2 -s 0x1FFF7800:512 -U %out");
+        QProcess* p = run(unitOnly + "-a 2 -s 0x1FFF7800:512 -U %out");
         QCOMPARE(p->exitCode(), 0);
         QVERIFY(p->readAllStandardOutput().contains("Upload done."));
         QCOMPARE(file_bytes(m_out), QByteArray("\x11\x47\x23\x01\x03\x01\x02\x03", 8) +
                                      QByteArray(8, '\0') + QByteArray(496, char(0xFF)));
     }
 
-    // What dfu-util says and leaves behind when the unit fails it: the program relies on both.
-    void faults_data()
+    // What dfu-util says, how it exits and what it leaves behind, as the program relies on.
+    // Setup lines starting with "dfu-util" run it, and must succeed, before the checked run.
+    void runs_data()
     {
-        QTest::addColumn<QString>("inject");
+        QTest::addColumn<QStringList>("setup");
         QTest::addColumn<QString>("args");
-        QTest::addColumn<QString>("error");
-        QTest::addColumn<int>("kept"); // image bytes in the upload file, or in flash
-        const QString upload = "-a 0 -s 0x08000000:16384 -U %out";
-        const QString download = "-a 0 -s 0x08000000:leave -D %firmware";
-        QTest::newRow("upload fails after 4096 bytes")
-            << "--fail-after 4096 --direction upload" << upload
-            << "dfuse_upload: libusb_control_transfer returned -1 (LIBUSB_ERROR_IO)" << 4096;
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QString>("output"); // texts separated by "|", in stdout or stderr
+        QTest::addColumn<int>("kept");       // image bytes in the upload file, or in flash
+        QTest::addColumn<int>("minMs");      // the run takes at least this long
+        const auto row = [](const char* name, const QStringList& setup, const QString& args,
+                            int exitCode, const char* output, int kept, int minMs = 0) {
+            QTest::newRow(name) << setup << args << exitCode << output << kept << minMs;
+        };
+        const QString fast = "create --timing fast --firmware %firmware";
+        const QString upload = unitOnly + "-a 0 -s 0x08000000:16384 -U %out";
+        row("upload fails after 4096 bytes", {fast, "inject --fail-after 4096 --direction upload"},
+            upload, 74, "dfuse_upload: libusb_control_transfer returned -1 (LIBUSB_ERROR_IO)",
+            4096);
         // 48 chunks of 2048 bytes fit below 100000; the 49th is the one that fails.
-        QTest::newRow("download fails after 100000 bytes")
-            << "--fail-after 100000" << download
-            << "returned -1 (LIBUSB_ERROR_IO)\ndfu-util: Error during download" << 48 * 2048;
+        row("download fails after 100000 bytes", {"create --timing fast", "inject --fail-after 100000"},
+            unitOnly + "-a 0 -s 0x08000000:leave -D %firmware", 74,
+            "returned -1 (LIBUSB_ERROR_IO)|dfu-util: Error during download", 48 * 2048);
+        // The erase asks for 100 ms but holds the next poll until its 400 ms have passed; the
+        // set-address and the write ask for 104 ms each.
+        row("real timing", {"create"}, unitOnly + "-vv -a 0 -s 0x08000000 -D %block", 0,
+            "Poll timeout 100 ms|Poll timeout 104 ms|Poll timeout 0 ms", 2048, 400 + 2 * 104);
     }
 
-    void faults()
+    void runs()
     {
-        QFETCH(QString, inject);
+        QFETCH(QStringList, setup);
         QFETCH(QString, args);
-        QFETCH(QString, error);
-        QFETCH(int, kept);
-        const bool upload = args.contains("-U");
-        QVERIFY(setUp({"create --timing fast" + QString(upload ? " --firmware %firmware" : ""),
-                       "inject " + inject}));
+        QFETCH(QString, output);
+        QFETCH(int, minMs);
+        QVERIFY(setUp(setup));
+        QElapsedTimer timer;
+        timer.start();
         QProcess* p = run(args);
-        QCOMPARE(p->exitCode(), 74);
-        const QString err = QString::fromLocal8Bit(p->readAllStandardError());
-        QVERIFY2(err.contains(error), qPrintable(err));
-        const QByteArray got = file_bytes(upload ? m_out : m_unit + "/flash.bin");
+        QVERIFY2(timer.elapsed() >= minMs, qPrintable(QString::number(timer.elapsed())));
+        const QString out =
+            QString::fromLocal8Bit(p->readAllStandardOutput() + p->readAllStandardError());
+        QTEST(p->exitCode(), "exitCode");
+        for (const QString& text : output.split('|'))
+            QVERIFY2(out.contains(text), qPrintable(text + "\n" + out));
+        const QByteArray got = file_bytes(args.contains("-U") ? m_out : m_unit + "/flash.bin");
         qsizetype same = 0;
         while (same < got.size() && same < imageSize && got[same] == m_image[same])
             ++same;
-        QCOMPARE(same, qsizetype(kept));
+        QTEST(int(same), "kept");
         QCOMPARE(listed().size(), 4); // the unit stays
     }
 
@@ -250,7 +271,7 @@ private slots:
     {
         QVERIFY(setUp(
             {"create --timing fast --firmware %firmware", "inject --fail-after 2048 --once"}));
-        const QString upload = "-a 0 -s 0x08000000:8192 -U %out";
+        const QString upload = unitOnly + "-a 0 -s 0x08000000:8192 -U %out";
         QCOMPARE(run(upload)->exitCode(), 74);
         QVERIFY(QFile::remove(m_out));
         QProcess* again = run(upload);

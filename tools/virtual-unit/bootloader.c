@@ -175,25 +175,52 @@ static int flash_sector(uint32_t address, uint32_t* start, uint32_t* size)
     return 0;
 }
 
-/* The poll timeout a busy unit asks for: the time the real part needs for the operation. */
-static uint32_t busy_ms(const struct vu_bootloader* unit)
+/* The poll timeout a busy unit asks for, as an STM32F4 system bootloader answers it: 100 ms for
+ * any erase, however long it takes, and 104 ms for a set-address or a 2048-byte write. */
+static uint32_t busy_poll_ms(const struct vu_bootloader* unit)
 {
     if (!real_timing(unit))
+        return 0;
+    switch (unit->pending) {
+    case VU_CMD_ERASE:
+    case VU_CMD_MASS_ERASE:
+    case VU_CMD_READ_UNPROTECT:
+        return 100;
+    case VU_CMD_SET_ADDRESS:
+    case VU_CMD_WRITE:
+        return 104;
+    default:
+        return 0;
+    }
+}
+
+/* How long the operation itself runs, from the busy answer on: the datasheet's typical erase
+ * times at 8-bit parallelism (0.4 s per 16K, 1.2 s per 64K, 2 s per 128K sector, 16 s for the
+ * whole flash). The part answers no request meanwhile, so the poll after the busy answer waits
+ * out what the asked-for poll time left. A fixed poll_ms stands in for all of this. */
+static long long operation_ms(const struct vu_bootloader* unit)
+{
+    if (!real_timing(unit) || vu_conf_get_int(&unit->conf, "poll_ms", -1) >= 0)
         return 0;
     uint32_t start, size;
     switch (unit->pending) {
     case VU_CMD_ERASE:
         if (flash_sector(unit->pending_address, &start, &size))
             return 0;
-        return size == 0x4000 ? 250 : size == 0x10000 ? 500 : 1000;
+        return size == 0x4000 ? 400 : size == 0x10000 ? 1200 : 2000;
     case VU_CMD_MASS_ERASE:
     case VU_CMD_READ_UNPROTECT:
-        return 8000;
-    case VU_CMD_WRITE:
-        return 60;
+        return VU_MASS_ERASE_MS;
     default:
         return 0;
     }
+}
+
+static long long monotonic_ms(void)
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return (long long)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
 }
 
 /* Wire time of a data stage at full speed, so that a read-back takes as long as on a unit. */
@@ -528,18 +555,27 @@ static uint8_t execute(struct vu_bootloader* unit)
     }
 }
 
-static int get_status(struct vu_bootloader* unit, uint8_t* data, uint16_t length)
+static int get_status(struct vu_bootloader* unit, uint8_t* data, uint16_t length,
+                      unsigned timeout_ms)
 {
     if (!data || length < 6)
         return refuse(unit, VU_errSTALLEDPKT);
     uint32_t poll = 0;
     switch (unit->state) {
     case VU_dfuDNLOAD_SYNC:
-        /* DfuSe answers the first poll after a command with dfuDNBUSY and the time it needs. */
-        poll = busy_ms(unit);
+        /* DfuSe answers the first poll after a command with dfuDNBUSY and a poll time. */
+        poll = busy_poll_ms(unit);
+        unit->busy_since_ms = monotonic_ms();
         unit->state = VU_dfuDNBUSY;
         break;
     case VU_dfuDNBUSY: {
+        long long left = unit->busy_since_ms + operation_ms(unit) - monotonic_ms();
+        if (left > 0 && timeout_ms && left > timeout_ms) {
+            /* Still erasing: the request runs into the host's time-out. */
+            sleep_ms(timeout_ms);
+            return LIBUSB_ERROR_TIMEOUT;
+        }
+        sleep_ms(left);
         uint8_t status = execute(unit);
         unit->pending = VU_CMD_NONE;
         if (unit->gone)
@@ -590,7 +626,7 @@ static int class_request(struct vu_bootloader* unit, uint8_t request_type, uint8
     case DFU_UPLOAD:
         return in ? upload(unit, value, data, length, timeout_ms) : refuse(unit, VU_errSTALLEDPKT);
     case DFU_GETSTATUS:
-        return get_status(unit, data, length);
+        return get_status(unit, data, length, timeout_ms);
     case DFU_CLRSTATUS:
         unit->state = VU_dfuIDLE;
         unit->status = VU_OK;

@@ -14,6 +14,8 @@ extern "C" {
 #define VU_BCD_DEVICE 0x2200
 #define VU_TRANSFER_SIZE 2048
 #define VU_ALT_COUNT 4
+/* Typical mass erase of the 1 MiB flash at 8-bit parallelism. */
+#define VU_MASS_ERASE_MS 16000
 
 enum vu_dfu_state {
     VU_appIDLE = 0,
@@ -68,6 +70,8 @@ struct vu_bootloader
     uint32_t pending_address;
     uint16_t pending_length;
     uint8_t pending_data[VU_TRANSFER_SIZE];
+    /* When the unit answered dfuDNBUSY for the pending command (monotonic clock). */
+    long long busy_since_ms;
     /* Data bytes moved in this run, for faults that fire after N bytes. */
     long long bytes_down;
     long long bytes_up;
