@@ -1,10 +1,13 @@
 // Layout model, progress bar, main window and log window, measured with the embedded fonts.
+#include <unistd.h>
+
 #include <QLabel>
 #include <QMessageBox>
 #include <QSignalSpy>
 #include <QTextBrowser>
 #include <QtTest>
 
+#include "common/filebytes.h"
 #include "common/logcapture.h"
 #include "gui/circle.h"
 #include "gui/installbutton.h"
@@ -43,6 +46,7 @@ private slots:
     void window_layout();
     void window_keys();
     void log_dialog();
+    void log_source();
     void log_save();
     void fatal_data();
     void fatal();
@@ -227,6 +231,27 @@ void TestGui::log_dialog()
     QVERIFY(log_->dialog()->isVisible());
     log_->toggle_visibility(window_.get());
     QVERIFY(!log_->dialog()->isVisible());
+}
+
+void TestGui::log_source()
+{
+    // Library code logging through the handler, built like the shipped program: its line on
+    // standard error names the source file, a line and the function.
+    QTemporaryFile err;
+    QVERIFY(err.open());
+    const int saved = ::dup(STDERR_FILENO);
+    ::dup2(err.handle(), STDERR_FILENO);
+    logWindow = log_.get();
+    const QtMessageHandler previous = qInstallMessageHandler(logWindowMessageHandler);
+    settings_.gui.label(QStringLiteral("missing"));
+    qInstallMessageHandler(previous);
+    ::dup2(saved, STDERR_FILENO);
+    ::close(saved);
+    const QString line = QString::fromLocal8Bit(file_bytes(err.fileName()));
+    const QRegularExpression expected(
+        R"(^Warning: No matching label with id "missing" found )"
+        R"(\(/\S+/gui/settings\.cpp:[1-9]\d*, .*Settings::GUI::label\(.*\)\n$)");
+    QVERIFY2(expected.match(line).hasMatch(), qPrintable(line));
 }
 
 void TestGui::log_save()
