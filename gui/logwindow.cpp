@@ -5,6 +5,7 @@
 
 #include <QByteArray>
 #include <QCloseEvent>
+#include <QDebug>
 #include <QDir>
 #include <QFileDialog>
 #include <QHBoxLayout>
@@ -14,7 +15,6 @@
 #include <QPushButton>
 #include <QSaveFile>
 #include <QTextBrowser>
-#include <QTextStream>
 #include <QThread>
 #include <QVBoxLayout>
 
@@ -100,15 +100,18 @@ void LogWindowDialog::save()
 bool LogWindowDialog::saveTo(const QString& file_name)
 {
     // Written aside and renamed into place, so a failed write never leaves half a log behind.
+    // Over a writable file in a folder the user may not write to, that is impossible: then the
+    // file itself is overwritten, as a plain write would.
     QSaveFile file(file_name);
+    file.setDirectWriteFallback(true);
     bool ok = file.open(QIODevice::WriteOnly | QIODevice::Truncate);
     if (ok) {
-        QTextStream stream(&file);
-        stream << text_->toPlainText();
-        stream.flush();
-        ok = stream.status() == QTextStream::Ok && file.commit();
+        // Flushed before the commit: a failed flush must not be renamed into place.
+        const QByteArray bytes = text_->toPlainText().toUtf8();
+        ok = file.write(bytes) == bytes.size() && file.flush() && file.commit();
     }
     if (!ok) {
+        qWarning() << "Could not save the log to" << file_name << ":" << file.errorString();
         QMessageBox::warning(this, tr("Error"),
                              tr("<nobr>File '%1'<br/>cannot be opened for writing.<br/><br/>"
                                 "The log output could <b>not</b> be saved!</nobr>")

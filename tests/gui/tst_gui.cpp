@@ -1,4 +1,8 @@
 // Layout model, progress bar, main window and log window, measured with the embedded fonts.
+#include <csignal>
+#include <linux/capability.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <QLabel>
@@ -28,6 +32,48 @@ QLabel* label_with(QWidget* window, const QString& part)
     return nullptr;
 }
 
+// While it lives, a save into folder fails as a row asks: limit -1 makes the folder read-only,
+// for root too (its CAP_DAC_OVERRIDE, which writes anywhere, is dropped from this thread), and a
+// limit above 0 caps the size of written files, so a longer write breaks off.
+class SaveHindrance final
+{
+public:
+    SaveHindrance(const QString& folder, int limit) : folder_(folder), limit_(limit)
+    {
+        if (limit < 0) {
+            QFile::setPermissions(folder, QFile::ReadOwner | QFile::ExeOwner);
+            syscall(SYS_capget, &caps_header_, caps_);
+            __user_cap_data_struct dropped[2] = {caps_[0], caps_[1]};
+            dropped[0].effective &= ~(1u << CAP_DAC_OVERRIDE);
+            syscall(SYS_capset, &caps_header_, dropped);
+        } else if (limit > 0) {
+            getrlimit(RLIMIT_FSIZE, &fsize_);
+            const rlimit capped{rlim_t(limit), fsize_.rlim_max};
+            setrlimit(RLIMIT_FSIZE, &capped);
+            xfsz_ = std::signal(SIGXFSZ, SIG_IGN); // the write fails instead of ending the test
+        }
+    }
+    ~SaveHindrance()
+    {
+        if (limit_ < 0) {
+            syscall(SYS_capset, &caps_header_, caps_);
+            QFile::setPermissions(folder_, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        } else if (limit_ > 0) {
+            setrlimit(RLIMIT_FSIZE, &fsize_);
+            std::signal(SIGXFSZ, xfsz_);
+        }
+    }
+    Q_DISABLE_COPY_MOVE(SaveHindrance)
+
+private:
+    const QString folder_;
+    const int limit_;
+    __user_cap_header_struct caps_header_{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct caps_[2]{};
+    rlimit fsize_{};
+    void (*xfsz_)(int) = SIG_DFL;
+};
+
 } // namespace
 
 class TestGui : public QObject
@@ -47,6 +93,7 @@ private slots:
     void window_keys();
     void log_dialog();
     void log_source();
+    void log_save_data();
     void log_save();
     void fatal_data();
     void fatal();
@@ -254,29 +301,59 @@ void TestGui::log_source()
     QVERIFY2(expected.match(line).hasMatch(), qPrintable(line));
 }
 
+void TestGui::log_save_data()
+{
+    QTest::addColumn<QString>("name");      // in a fresh folder
+    QTest::addColumn<QByteArray>("before"); // the file's contents before; empty: none
+    QTest::addColumn<int>("limit"); // folder read-only (-1), writes beyond this size fail, or 0
+    QTest::addColumn<QByteArray>("after"); // empty: not saved, the error box shown
+
+    const QByteArray log("first\nWarning: second");
+    QTest::newRow("new file") << "logfile.txt" << QByteArray() << 0 << log;
+    QTest::newRow("over a writable file, folder read-only")
+        << "logfile.txt" << QByteArray("old") << -1 << log;
+    QTest::newRow("folder missing") << "missing/logfile.txt" << QByteArray() << 0 << QByteArray();
+    QTest::newRow("write fails half-way")
+        << "logfile.txt" << QByteArray("old") << 8 << QByteArray();
+}
+
 void TestGui::log_save()
 {
+    QFETCH(QString, name);
+    QFETCH(QByteArray, before);
+    QFETCH(int, limit);
+    QFETCH(QByteArray, after);
     QTemporaryDir dir;
-    const QString path = dir.filePath(QStringLiteral("logfile.txt"));
+    const QString path = dir.filePath(name);
+    QFile file(path);
+    QVERIFY(before.isEmpty() || (file.open(QIODevice::WriteOnly) && file.write(before) > 0));
+    file.close();
     LogWindowDialog* dialog = log_->dialog();
     dialog->outputMessage(QtInfoMsg, context, QStringLiteral("<b>first</b>"));
     dialog->outputMessage(QtWarningMsg, context, QStringLiteral("second"));
-    QVERIFY(dialog->saveTo(path));
-    QFile saved(path);
-    QVERIFY(saved.open(QIODevice::ReadOnly));
-    QCOMPARE(saved.readAll(), QByteArray("first\nWarning: second"));
 
-    QString text;
-    QTimer::singleShot(0, this, [&] {
-        auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
-        QVERIFY(box);
-        text = box->windowTitle() + '|' + box->text();
-        box->button(QMessageBox::Ok)->click();
+    QString shown;
+    QTimer closer;
+    connect(&closer, &QTimer::timeout, this, [&] {
+        if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
+            shown = box->windowTitle() + '|' + box->text();
+            box->button(QMessageBox::Ok)->click();
+        }
     });
-    QVERIFY(!dialog->saveTo(QStringLiteral("/nonexistent-dir/logfile.txt")));
-    QCOMPARE(text, QStringLiteral("Error|<nobr>File '/nonexistent-dir/logfile.txt'<br/>cannot be "
-                                  "opened for writing.<br/><br/>The log output could <b>not</b> "
-                                  "be saved!</nobr>"));
+    closer.start(10);
+    bool ok = false;
+    {
+        const SaveHindrance hindrance(dir.path(), limit);
+        ok = dialog->saveTo(path);
+    }
+    QCOMPARE(ok, !after.isEmpty());
+    QCOMPARE(file_bytes(path), after.isEmpty() ? before : after); // never half a log
+    if (!ok)
+        QCOMPARE(shown, QStringLiteral("Error|<nobr>File '%1'<br/>cannot be opened for writing."
+                                       "<br/><br/>The log output could <b>not</b> be saved!</nobr>")
+                            .arg(path));
+    else
+        QVERIFY(shown.isEmpty());
 }
 
 void TestGui::fatal_data()
