@@ -17,6 +17,7 @@ constexpr int imageSize = 573088;
 constexpr int flashSize = 0x100000;
 // Transfers select the unit by its DFU-mode IDs alone, as the program does.
 const QString unitOnly = QStringLiteral("-d ,0483:df11 ");
+const QString leave = QStringLiteral("dfu-util -d ,0483:df11 -a 0 -s 0x08000000:leave");
 
 bool writeAll(const QString& path, const QByteArray& bytes)
 {
@@ -179,6 +180,9 @@ private slots:
         QTest::newRow("plugged again") << QStringList{fast, "unplug", "plug"} << 4 << 9;
         QTest::newRow("second unit")
             << QStringList{fast, "inject --second-unit 3473375A3335"} << 8 << 0;
+        const QString app = fast + " --absent-ms 0 --leave-mode app";
+        QTest::newRow("left to its application") << QStringList{app, leave} << 0 << 0;
+        QTest::newRow("bootloader started again") << QStringList{app, leave, "plug"} << 4 << 11;
     }
 
     void listing()
@@ -199,6 +203,25 @@ private slots:
                          .arg(devnum)
                          .arg(alt)
                          .arg(QLatin1String(names[alt])));
+    }
+
+    // After a leave in reenumerate mode the unit is back on the bus, but first cannot be opened
+    // (udev has not applied its rule yet), then has no strings, then is itself again.
+    void reenumeration()
+    {
+        QVERIFY(setUp({"create --timing fast --absent-ms 0 --leave-mode reenumerate "
+                       "--reenumerate-ms 4000",
+                       leave}));
+        QProcess* p = run("-d 0483 -l");
+        QCOMPARE(p->exitCode(), 0);
+        QVERIFY(!p->readAllStandardOutput().contains("Found DFU"));
+        QVERIFY(p->readAllStandardError().contains(
+            "Cannot open DFU device 0483:df11 found on devnum 9 (LIBUSB_ERROR_ACCESS)"));
+        QStringList lines;
+        QTRY_VERIFY_WITH_TIMEOUT(!(lines = listed()).isEmpty(), 5000);
+        QCOMPARE(lines.filter("name=\"UNKNOWN\", serial=\"UNKNOWN\"").size(), 4);
+        QTRY_VERIFY_WITH_TIMEOUT((lines = listed()).filter("UNKNOWN").isEmpty(), 5000);
+        QCOMPARE(lines.size(), 4);
     }
 
     // The OTP record as the program parses it, the rest of the 512 bytes erased.
@@ -235,6 +258,10 @@ private slots:
         row("download fails after 100000 bytes", {"create --timing fast", "inject --fail-after 100000"},
             unitOnly + "-a 0 -s 0x08000000:leave -D %firmware", 74,
             "returned -1 (LIBUSB_ERROR_IO)|dfu-util: Error during download", 48 * 2048);
+        // A listing never claims the interface, a transfer does.
+        row("interface claimed by another program",
+            {fast, "inject --claim-fails 1", "dfu-util -d 0483 -l"}, upload, 74,
+            "Cannot claim interface - LIBUSB_ERROR_BUSY", 0);
         // The erase asks for 100 ms but holds the next poll until its 400 ms have passed; the
         // set-address and the write ask for 104 ms each.
         row("real timing", {"create"}, unitOnly + "-vv -a 0 -s 0x08000000 -D %block", 0,

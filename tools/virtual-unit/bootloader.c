@@ -342,26 +342,34 @@ static void save_conf(struct vu_bootloader* unit)
         fprintf(stderr, "lumaxis virtual unit: cannot write the config in %s\n", unit->dir);
 }
 
-/* The unit leaves DFU mode (or is pulled): it drops off the bus and, after a leave, comes
- * back after absent_ms with the same serial. */
-static void drop_off_bus(struct vu_bootloader* unit, int unplugged)
+enum drop_reason { DROP_LEAVE, DROP_UNPLUG, DROP_RESET };
+
+/* The unit drops off the bus: pulled, gone to its application, or reset. After a leave or a
+ * reset it comes back after absent_ms (a reset from off_ms on) with the same serial; after a
+ * leave in leave_mode "app" it runs the application until it is plugged again. */
+static void drop_off_bus(struct vu_bootloader* unit, enum drop_reason why, long long off_ms)
 {
     long long now = vu_now_ms();
     unit->gone = 1;
     /* It enumerates afresh, in dfuIDLE. */
     vu_conf_remove(&unit->conf, "dfu_state");
     vu_conf_remove(&unit->conf, "dfu_status");
-    if (unplugged) {
+    if (why == DROP_UNPLUG) {
         vu_conf_set_int(&unit->conf, "plugged", 0);
         vu_conf_set_int(&unit->conf, "unplugged_at_ms", now);
     } else {
-        vu_conf_set_int(&unit->conf, "left_at_ms", now);
+        vu_conf_set_int(&unit->conf, "left_at_ms", now + off_ms);
+    }
+    if (why == DROP_LEAVE) {
         vu_conf_set_int(&unit->conf, "leaves", vu_conf_get_int(&unit->conf, "leaves", 0) + 1);
+        if (strcmp(vu_conf_get(&unit->conf, "leave_mode", "dfu"), "app") == 0)
+            vu_conf_set_int(&unit->conf, "in_application", 1);
     }
     vu_conf_set_int(&unit->conf, "enumerations",
                     vu_conf_get_int(&unit->conf, "enumerations", 0) + 1);
     save_conf(unit);
-    vu_trace("unit %s", unplugged ? "unplugged" : "left DFU mode");
+    vu_trace("unit %s", why == DROP_UNPLUG ? "unplugged" : why == DROP_LEAVE ? "left DFU mode"
+                                                                            : "reset");
 }
 
 /* A fault armed with faults_once=1 fires in one run only. */
@@ -398,7 +406,7 @@ static int data_fault(struct vu_bootloader* unit, int download, int length, unsi
         return 0;
     if (crosses(unit, "unplug_after", before, length)) {
         fault_fired(unit, "unplug_after");
-        drop_off_bus(unit, 1);
+        drop_off_bus(unit, DROP_UNPLUG, 0);
         return LIBUSB_ERROR_NO_DEVICE;
     }
     if (crosses(unit, "fail_after", before, length)) {
@@ -545,7 +553,7 @@ static uint8_t execute(struct vu_bootloader* unit)
     case VU_CMD_READ_UNPROTECT: {
         uint8_t status = erase_flash(unit, 0, VU_FLASH_SIZE);
         /* Removing read protection resets the part. */
-        drop_off_bus(unit, 0);
+        drop_off_bus(unit, DROP_RESET, 0);
         return status;
     }
     case VU_CMD_WRITE:
@@ -592,13 +600,13 @@ static int get_status(struct vu_bootloader* unit, uint8_t* data, uint16_t length
         if (vu_conf_get_int(&unit->conf, "leave_status_fails", 0) == 1) {
             /* Many real units reset before they answer this last poll. */
             fault_fired(unit, "leave_status_fails");
-            drop_off_bus(unit, 0);
+            drop_off_bus(unit, DROP_LEAVE, 0);
             return LIBUSB_ERROR_IO;
         }
         unit->state = VU_dfuMANIFEST;
         memset(data, 0, 6);
         data[4] = VU_dfuMANIFEST;
-        drop_off_bus(unit, 0);
+        drop_off_bus(unit, DROP_LEAVE, 0);
         return 6;
     default:
         break;
@@ -661,6 +669,8 @@ static int get_descriptor(const struct vu_bootloader* unit, uint16_t value, uint
         n = vu_config_descriptor(d, sizeof d);
         break;
     case LIBUSB_DT_STRING:
+        if (unit->no_strings)
+            return LIBUSB_ERROR_PIPE;
         n = vu_string_descriptor(d, sizeof d, value & 0xff, unit->serial);
         break;
     case 0x21:
@@ -744,4 +754,23 @@ int vu_bootloader_request(struct vu_bootloader* unit, uint8_t request_type, uint
         index == 0)
         return class_request(unit, request_type, request, value, data, length, timeout_ms);
     return LIBUSB_ERROR_PIPE;
+}
+
+int vu_bootloader_claim(struct vu_bootloader* unit, int interface_number)
+{
+    if (unit->gone)
+        return LIBUSB_ERROR_NO_DEVICE;
+    if (interface_number != 0)
+        return LIBUSB_ERROR_NOT_FOUND;
+    /* Another program holds the interface: a listing never claims it, a transfer does. */
+    long long fails = vu_conf_get_int(&unit->conf, "claim_fails", 0);
+    if (fails > 0) {
+        if (fails > 1)
+            vu_conf_set_int(&unit->conf, "claim_fails", fails - 1);
+        else
+            vu_conf_remove(&unit->conf, "claim_fails");
+        save_conf(unit);
+        return LIBUSB_ERROR_BUSY;
+    }
+    return 0;
 }

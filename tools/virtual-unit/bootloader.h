@@ -77,6 +77,8 @@ struct vu_bootloader
     long long bytes_up;
     /* Set once the unit has left DFU mode or was pulled: every later request fails. */
     int gone;
+    /* Just re-enumerated: every string descriptor request fails. */
+    int no_strings;
 };
 
 /* Raw descriptors as the unit sends them on GET_DESCRIPTOR; each returns its length. */
@@ -90,6 +92,8 @@ const char* vu_alt_name(int alt);
 /* Opens the memory files of the folder; returns 0 or a negative libusb error. */
 int vu_bootloader_open(struct vu_bootloader* unit, const char* dir, const struct vu_conf* conf);
 void vu_bootloader_close(struct vu_bootloader* unit);
+/* libusb_claim_interface: 0 or a negative libusb error. */
+int vu_bootloader_claim(struct vu_bootloader* unit, int interface_number);
 /* One control transfer, as libusb_control_transfer answers it. */
 int vu_bootloader_request(struct vu_bootloader* unit, uint8_t request_type, uint8_t request,
                           uint16_t value, uint16_t index, uint8_t* data, uint16_t length,

@@ -134,7 +134,7 @@ EXPORT ssize_t libusb_get_device_list(libusb_context* ctx, libusb_device*** list
     *list = devices;
     const char* dir = unit_dir();
     struct vu_conf conf;
-    if (!dir || vu_conf_load(&conf, dir) || !vu_conf_present(&conf, vu_now_ms())) {
+    if (!dir || vu_conf_load(&conf, dir) || vu_conf_presence(&conf, vu_now_ms()) == VU_ABSENT) {
         vu_trace("get_device_list -> 0");
         return 0;
     }
@@ -297,8 +297,13 @@ EXPORT int libusb_open(libusb_device* dev, libusb_device_handle** dev_handle)
     /* The unit may have been pulled since the list was taken. */
     struct vu_conf conf;
     int result = LIBUSB_ERROR_NO_DEVICE;
+    enum vu_presence presence = VU_ABSENT;
     libusb_device_handle* h = NULL;
-    if (vu_conf_load(&conf, dir) == 0 && vu_conf_present(&conf, vu_now_ms())) {
+    if (vu_conf_load(&conf, dir) == 0)
+        presence = vu_conf_presence(&conf, vu_now_ms());
+    if (presence == VU_OPEN_DENIED) {
+        result = LIBUSB_ERROR_ACCESS;
+    } else if (presence != VU_ABSENT) {
         h = calloc(1, sizeof *h);
         result = h ? vu_bootloader_open(&h->unit, dir, &conf) : LIBUSB_ERROR_NO_MEM;
     }
@@ -313,6 +318,7 @@ EXPORT int libusb_open(libusb_device* dev, libusb_device_handle** dev_handle)
     }
     /* Each unit answers with its own serial number. */
     snprintf(h->unit.serial, sizeof h->unit.serial, "%s", dev->serial);
+    h->unit.no_strings = presence == VU_NO_STRINGS;
     h->dev = libusb_ref_device(dev);
     *dev_handle = h;
     vu_trace("open %s", dev->serial);
@@ -338,9 +344,7 @@ EXPORT int libusb_claim_interface(libusb_device_handle* dev_handle, int interfac
     vu_trace("claim_interface %d", interface_number);
     if (!dev_handle)
         return LIBUSB_ERROR_INVALID_PARAM;
-    if (dev_handle->unit.gone)
-        return LIBUSB_ERROR_NO_DEVICE;
-    return interface_number == 0 ? 0 : LIBUSB_ERROR_NOT_FOUND;
+    return vu_bootloader_claim(&dev_handle->unit, interface_number);
 }
 
 EXPORT int libusb_release_interface(libusb_device_handle* dev_handle, int interface_number)

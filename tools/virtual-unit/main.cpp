@@ -146,6 +146,22 @@ Error applySettings(const QCommandLineParser& args, vu_conf* conf)
             return e;
         vu_conf_set_int(conf, "absent_ms", ms);
     }
+    if (args.isSet(QStringLiteral("reenumerate-ms"))) {
+        long long ms = 0;
+        if (Error e = parseNumber(args.value(QStringLiteral("reenumerate-ms")),
+                                  "--reenumerate-ms", &ms);
+            !e.isEmpty())
+            return e;
+        vu_conf_set_int(conf, "reenumerate_ms", ms);
+    }
+    if (args.isSet(QStringLiteral("leave-mode"))) {
+        const QString mode = args.value(QStringLiteral("leave-mode"));
+        if (mode != QLatin1String("dfu") && mode != QLatin1String("app") &&
+            mode != QLatin1String("reenumerate"))
+            return QStringLiteral("--leave-mode takes dfu, app or reenumerate, not \"%1\"")
+                .arg(mode);
+        vu_conf_set(conf, "leave_mode", mode.toLatin1().constData());
+    }
     return {};
 }
 
@@ -251,6 +267,7 @@ Error create(const QCommandLineParser& args, const QString& dir)
     vu_conf_set_int(conf, "plugged", args.isSet(QStringLiteral("unplugged")) ? 0 : 1);
     vu_conf_set(conf, "timing", "real");
     vu_conf_set_int(conf, "absent_ms", VU_DEFAULT_ABSENT_MS);
+    vu_conf_set(conf, "leave_mode", "dfu");
     vu_conf_set_int(conf, "created_ms", vu_now_ms());
     vu_conf_set_int(conf, "left_at_ms", 0);
     vu_conf_set_int(conf, "enumerations", 0);
@@ -271,12 +288,15 @@ Error plug(const QString& dir, bool plugged)
     if (Error e = unit.unitError(); !e.isEmpty())
         return e;
     vu_conf* conf = unit.conf();
-    const bool was = vu_conf_get_int(conf, "plugged", 0) == 1;
+    // A unit running its application is on the bus only as that; plug starts the bootloader.
+    const bool was = vu_conf_get_int(conf, "plugged", 0) == 1 &&
+                     vu_conf_get_int(conf, "in_application", 0) != 1;
     vu_conf_set_int(conf, "plugged", plugged ? 1 : 0);
     vu_conf_set_int(conf, plugged ? "plugged_at_ms" : "unplugged_at_ms", vu_now_ms());
     // Pulling the cable ends a pending absence and resets the bootloader; plugging in again
     // enumerates anew.
     vu_conf_set_int(conf, "left_at_ms", 0);
+    vu_conf_remove(conf, "in_application");
     vu_conf_remove(conf, "dfu_state");
     vu_conf_remove(conf, "dfu_status");
     if (plugged && !was)
@@ -287,7 +307,7 @@ Error plug(const QString& dir, bool plugged)
 const char* const faultKeys[] = {"fail_after",    "stall_after",        "stall_ms",
                                  "short_after",   "fault_direction",    "unplug_after",
                                  "flip_address",  "leave_status_fails", "second_serial",
-                                 "faults_once"};
+                                 "claim_fails",   "faults_once"};
 
 Error inject(const QCommandLineParser& args, const QString& dir)
 {
@@ -304,7 +324,8 @@ Error inject(const QCommandLineParser& args, const QString& dir)
                    {"stall-ms", "stall_ms"},
                    {"unplug-after", "unplug_after"},
                    {"short-after", "short_after"},
-                   {"flip-byte", "flip_address"}};
+                   {"flip-byte", "flip_address"},
+                   {"claim-fails", "claim_fails"}};
     for (const auto& entry : numbers) {
         const QString option = QLatin1String(entry.option);
         if (!args.isSet(option))
@@ -391,13 +412,28 @@ Error show(const QString& dir)
     const QByteArray flash =
         flashFile.open(QIODevice::ReadOnly) ? flashFile.readAll() : QByteArray();
 
-    QString listed = QStringLiteral("yes");
-    if (vu_conf_get_int(&conf, "plugged", 0) != 1)
-        listed = QStringLiteral("no (unplugged)");
-    else if (!vu_conf_present(&conf, now))
-        listed = QStringLiteral("no (back in %1 ms)")
-                     .arg(vu_conf_get_int(&conf, "left_at_ms", 0) +
-                          vu_conf_get_int(&conf, "absent_ms", VU_DEFAULT_ABSENT_MS) - now);
+    QString listed;
+    switch (vu_conf_presence(&conf, now)) {
+    case VU_PRESENT:
+        listed = QStringLiteral("yes");
+        break;
+    case VU_OPEN_DENIED:
+        listed = QStringLiteral("yes, but opening it fails (re-enumerating)");
+        break;
+    case VU_NO_STRINGS:
+        listed = QStringLiteral("yes, but without its strings (re-enumerating)");
+        break;
+    case VU_ABSENT:
+        if (vu_conf_get_int(&conf, "plugged", 0) != 1)
+            listed = QStringLiteral("no (unplugged)");
+        else if (vu_conf_get_int(&conf, "in_application", 0) == 1)
+            listed = QStringLiteral("no (running its application until plugged)");
+        else
+            listed = QStringLiteral("no (back in %1 ms)")
+                         .arg(vu_conf_get_int(&conf, "left_at_ms", 0) +
+                              vu_conf_get_int(&conf, "absent_ms", VU_DEFAULT_ABSENT_MS) - now);
+        break;
+    }
     QString text;
     text += QStringLiteral("folder: %1\n").arg(QDir(dir).absolutePath());
     text += QStringLiteral("listed: %1\n").arg(listed);
@@ -462,6 +498,15 @@ int main(int argc, char* argv[])
         {QStringLiteral("absent-ms"),
          QStringLiteral("Time the unit stays off the bus after leaving DFU mode (2000)."),
          QStringLiteral("ms")},
+        {QStringLiteral("leave-mode"),
+         QStringLiteral("After a leave: back in DFU mode (dfu, the default), running the "
+                        "application until plugged (app), or back through a re-enumeration "
+                        "window (reenumerate)."),
+         QStringLiteral("dfu|app|reenumerate")},
+        {QStringLiteral("reenumerate-ms"),
+         QStringLiteral("The re-enumeration window (3000): opens fail in its first half, "
+                        "string requests in its second."),
+         QStringLiteral("ms")},
         {QStringLiteral("fail-after"),
          QStringLiteral("inject: the transfer that crosses this many data bytes fails."),
          QStringLiteral("bytes")},
@@ -488,6 +533,9 @@ int main(int argc, char* argv[])
          QStringLiteral("serial")},
         {QStringLiteral("leave-status-fails"),
          QStringLiteral("inject: the last poll of a leave request fails.")},
+        {QStringLiteral("claim-fails"),
+         QStringLiteral("inject: the next N claims of the interface fail (LIBUSB_ERROR_BUSY)."),
+         QStringLiteral("count")},
         {QStringLiteral("once"), QStringLiteral("inject: each fault fires in one run only.")},
     });
     args.process(app);

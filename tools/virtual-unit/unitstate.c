@@ -151,13 +151,25 @@ long long vu_now_ms(void)
     return (long long)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
 }
 
-int vu_conf_present(const struct vu_conf* conf, long long now_ms)
+enum vu_presence vu_conf_presence(const struct vu_conf* conf, long long now_ms)
 {
-    if (vu_conf_get_int(conf, "plugged", 0) != 1)
-        return 0;
+    /* A unit running its application shows no DFU interface until the bootloader is started. */
+    if (vu_conf_get_int(conf, "plugged", 0) != 1 || vu_conf_get_int(conf, "in_application", 0) == 1)
+        return VU_ABSENT;
     long long left_at = vu_conf_get_int(conf, "left_at_ms", 0);
-    long long absent = vu_conf_get_int(conf, "absent_ms", VU_DEFAULT_ABSENT_MS);
-    return left_at <= 0 || now_ms >= left_at + absent;
+    if (left_at <= 0)
+        return VU_PRESENT;
+    long long back = left_at + vu_conf_get_int(conf, "absent_ms", VU_DEFAULT_ABSENT_MS);
+    if (now_ms < back)
+        return VU_ABSENT;
+    if (strcmp(vu_conf_get(conf, "leave_mode", "dfu"), "reenumerate") == 0) {
+        long long window = vu_conf_get_int(conf, "reenumerate_ms", VU_DEFAULT_REENUMERATE_MS);
+        if (now_ms < back + window / 2)
+            return VU_OPEN_DENIED;
+        if (now_ms < back + window)
+            return VU_NO_STRINGS;
+    }
+    return VU_PRESENT;
 }
 
 int vu_lock(const char* dir, int timeout_ms)

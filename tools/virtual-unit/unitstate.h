@@ -31,6 +31,7 @@ extern "C" {
 
 #define VU_DEFAULT_SERIAL "3473375A3334"
 #define VU_DEFAULT_ABSENT_MS 2000
+#define VU_DEFAULT_REENUMERATE_MS 3000
 
 #define VU_CONF_MAX 64
 #define VU_KEY_MAX 40
@@ -68,8 +69,11 @@ void vu_conf_remove(struct vu_conf* conf, const char* key);
 
 /* Wall-clock milliseconds, comparable across processes. */
 long long vu_now_ms(void);
-/* True when the unit is plugged and not in its absence after a leave. */
-int vu_conf_present(const struct vu_conf* conf, long long now_ms);
+/* Where the unit stands on the bus. After a leave in leave_mode "reenumerate" it is back after
+ * absent_ms but, for the first half of reenumerate_ms, not yet open to this user (udev has not
+ * applied its rule), then for the second half without string descriptors. */
+enum vu_presence { VU_ABSENT, VU_OPEN_DENIED, VU_NO_STRINGS, VU_PRESENT };
+enum vu_presence vu_conf_presence(const struct vu_conf* conf, long long now_ms);
 
 /* Takes the folder's exclusive lock, retrying for up to timeout_ms; returns its fd or -1. */
 int vu_lock(const char* dir, int timeout_ms);
