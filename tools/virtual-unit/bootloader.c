@@ -11,11 +11,50 @@
 
 /* The real unit's layout strings; the blank before "e" is the unit's own quirk, which makes
  * dfu-util warn "Non-valid multiplier" while it still parses the segment. */
-static const char* const alt_names[VU_ALT_COUNT] = {
+static const char* const unit_alt_names[] = {
     "@Internal Flash  /0x08000000/04*016Kg,01*064Kg,07*128Kg",
     "@Option Bytes  /0x1FFFC000/01*016 e",
     "@OTP Memory /0x1FFF7800/01*512 e,01*016 e",
     "@Device Feature/0xFFFF0000/01*004 e",
+};
+
+static const char* const foreign_alt_names[] = {
+    "@Internal Flash   /0x08000000/8*001Ka,120*001Kg",
+};
+
+/* What each kind of device shows on the bus. */
+static const struct model
+{
+    uint16_t vendor;
+    uint16_t product;
+    uint16_t bcd_device;
+    const char* manufacturer;
+    const char* product_name;
+    int alt_count;
+    const char* const* alt_names;
+    /* The DFU functional descriptor after the last alternate setting. */
+    uint8_t functional[9];
+} models[] = {
+    [VU_KIND_UNIT] = {VU_VENDOR,
+                      VU_PRODUCT,
+                      VU_BCD_DEVICE,
+                      "STMicroelectronics",
+                      "STM32  BOOTLOADER",
+                      VU_ALT_COUNT,
+                      unit_alt_names,
+                      /* bmAttributes 0x0B: can download, can upload, will detach; bcdDFU
+                       * 0x011a selects DfuSe. */
+                      {9, 0x21, 0x0B, 0xFF, 0x00, VU_TRANSFER_SIZE & 0xff, VU_TRANSFER_SIZE >> 8,
+                       0x1A, 0x01}},
+    /* Another maker's device in its DFU mode: plain DFU 1.1, one alternate setting. */
+    [VU_KIND_FOREIGN] = {VU_FOREIGN_VENDOR,
+                         VU_FOREIGN_PRODUCT,
+                         0x0100,
+                         "Other Maker",
+                         "DFU Bootloader",
+                         1,
+                         foreign_alt_names,
+                         {9, 0x21, 0x0F, 0xFF, 0x00, 0x00, 0x04, 0x10, 0x01}},
 };
 
 /* User options and RDP 0xAA (level 0) at 0x1FFFC000, every nWRP bit set at 0x1FFFC008:
@@ -40,13 +79,9 @@ enum {
     DFU_ABORT = 6,
 };
 
-const char* vu_alt_name(int alt)
+int vu_device_descriptor(enum vu_device_kind kind, uint8_t* out)
 {
-    return (alt >= 0 && alt < VU_ALT_COUNT) ? alt_names[alt] : "";
-}
-
-int vu_device_descriptor(uint8_t* out)
-{
+    const struct model* m = &models[kind];
     const uint8_t d[LIBUSB_DT_DEVICE_SIZE] = {
         LIBUSB_DT_DEVICE_SIZE,
         LIBUSB_DT_DEVICE,
@@ -56,12 +91,12 @@ int vu_device_descriptor(uint8_t* out)
         0x00,
         0x00,
         64,
-        VU_VENDOR & 0xff,
-        VU_VENDOR >> 8,
-        VU_PRODUCT & 0xff,
-        VU_PRODUCT >> 8,
-        VU_BCD_DEVICE & 0xff,
-        VU_BCD_DEVICE >> 8,
+        m->vendor & 0xff,
+        m->vendor >> 8,
+        m->product & 0xff,
+        m->product >> 8,
+        m->bcd_device & 0xff,
+        m->bcd_device >> 8,
         STRING_MANUFACTURER,
         STRING_PRODUCT,
         STRING_SERIAL,
@@ -71,25 +106,16 @@ int vu_device_descriptor(uint8_t* out)
     return (int)sizeof d;
 }
 
-int vu_dfu_functional_descriptor(uint8_t* out)
+int vu_config_descriptor(enum vu_device_kind kind, uint8_t* out, int size)
 {
-    /* bmAttributes 0x0B: can download, can upload, will detach; bcdDFU 0x011a selects DfuSe. */
-    const uint8_t d[9] = {
-        9, 0x21, 0x0B, 0xFF, 0x00, VU_TRANSFER_SIZE & 0xff, VU_TRANSFER_SIZE >> 8, 0x1A, 0x01,
-    };
-    memcpy(out, d, sizeof d);
-    return (int)sizeof d;
-}
-
-int vu_config_descriptor(uint8_t* out, int size)
-{
-    uint8_t d[LIBUSB_DT_CONFIG_SIZE + VU_ALT_COUNT * LIBUSB_DT_INTERFACE_SIZE + 9];
-    const int total = (int)sizeof d;
+    const struct model* m = &models[kind];
+    uint8_t d[VU_CONFIG_MAX];
+    const int total = LIBUSB_DT_CONFIG_SIZE + m->alt_count * LIBUSB_DT_INTERFACE_SIZE + 9;
     const uint8_t head[LIBUSB_DT_CONFIG_SIZE] = {
         LIBUSB_DT_CONFIG_SIZE, LIBUSB_DT_CONFIG, total & 0xff, total >> 8, 1, 1, 0, 0xC0, 50,
     };
     memcpy(d, head, sizeof head);
-    for (int alt = 0; alt < VU_ALT_COUNT; ++alt) {
+    for (int alt = 0; alt < m->alt_count; ++alt) {
         uint8_t* p = d + LIBUSB_DT_CONFIG_SIZE + alt * LIBUSB_DT_INTERFACE_SIZE;
         const uint8_t intf[LIBUSB_DT_INTERFACE_SIZE] = {
             LIBUSB_DT_INTERFACE_SIZE,          LIBUSB_DT_INTERFACE, 0, (uint8_t)alt, 0, 0xFE, 1, 2,
@@ -98,7 +124,7 @@ int vu_config_descriptor(uint8_t* out, int size)
         memcpy(p, intf, sizeof intf);
     }
     /* Like the real unit, the functional descriptor follows the last alternate setting. */
-    vu_dfu_functional_descriptor(d + total - 9);
+    memcpy(d + total - 9, m->functional, 9);
     int n = size < total ? size : total;
     memcpy(out, d, (size_t)n);
     return n;
@@ -120,8 +146,10 @@ static int utf16_string(uint8_t* out, int size, const char* text)
     return n;
 }
 
-int vu_string_descriptor(uint8_t* out, int size, int index, const char* serial)
+int vu_string_descriptor(enum vu_device_kind kind, uint8_t* out, int size, int index,
+                         const char* serial)
 {
+    const struct model* m = &models[kind];
     if (index == 0) {
         const uint8_t languages[4] = {4, LIBUSB_DT_STRING, 0x09, 0x04};
         int n = size < 4 ? size : 4;
@@ -130,16 +158,47 @@ int vu_string_descriptor(uint8_t* out, int size, int index, const char* serial)
     }
     switch (index) {
     case STRING_MANUFACTURER:
-        return utf16_string(out, size, "STMicroelectronics");
+        return utf16_string(out, size, m->manufacturer);
     case STRING_PRODUCT:
-        return utf16_string(out, size, "STM32  BOOTLOADER");
+        return utf16_string(out, size, m->product_name);
     case STRING_SERIAL:
         return utf16_string(out, size, serial);
     default:
-        if (index >= STRING_FIRST_ALT && index < STRING_FIRST_ALT + VU_ALT_COUNT)
-            return utf16_string(out, size, alt_names[index - STRING_FIRST_ALT]);
+        if (index >= STRING_FIRST_ALT && index < STRING_FIRST_ALT + m->alt_count)
+            return utf16_string(out, size, m->alt_names[index - STRING_FIRST_ALT]);
         return -1;
     }
+}
+
+int vu_descriptor_request(enum vu_device_kind kind, const char* serial, int no_strings,
+                          uint16_t value, uint8_t* data, uint16_t length)
+{
+    uint8_t d[256];
+    int n;
+    switch (value >> 8) {
+    case LIBUSB_DT_DEVICE:
+        n = vu_device_descriptor(kind, d);
+        break;
+    case LIBUSB_DT_CONFIG:
+        n = vu_config_descriptor(kind, d, sizeof d);
+        break;
+    case LIBUSB_DT_STRING:
+        n = no_strings ? -1 : vu_string_descriptor(kind, d, sizeof d, value & 0xff, serial);
+        break;
+    case 0x21:
+        memcpy(d, models[kind].functional, 9);
+        n = 9;
+        break;
+    default:
+        n = -1;
+    }
+    if (n < 0)
+        return LIBUSB_ERROR_PIPE;
+    if (n > length)
+        n = length;
+    if (n > 0)
+        memcpy(data, d, (size_t)n);
+    return n;
 }
 
 static void sleep_ms(long long ms)
@@ -255,6 +314,16 @@ static enum region find_region(uint32_t address, uint32_t* offset, uint32_t* rem
     return REGION_NONE;
 }
 
+/* Read protection level 1: flash and OTP can be neither read nor changed over DFU. */
+static int locked_away(const struct vu_bootloader* unit, uint32_t address)
+{
+    uint32_t offset, remaining;
+    if (vu_conf_get_int(&unit->conf, "read_protected", 0) != 1)
+        return 0;
+    enum region region = find_region(address, &offset, &remaining);
+    return region == REGION_FLASH || region == REGION_OTP;
+}
+
 /* Bytes beyond the end of a short file read as erased memory. */
 static int read_file_at(int fd, uint32_t offset, uint8_t* out, uint32_t length)
 {
@@ -368,8 +437,9 @@ static void drop_off_bus(struct vu_bootloader* unit, enum drop_reason why, long 
     vu_conf_set_int(&unit->conf, "enumerations",
                     vu_conf_get_int(&unit->conf, "enumerations", 0) + 1);
     save_conf(unit);
-    vu_trace("unit %s", why == DROP_UNPLUG ? "unplugged" : why == DROP_LEAVE ? "left DFU mode"
-                                                                            : "reset");
+    vu_trace("unit %s", why == DROP_UNPLUG  ? "unplugged"
+                        : why == DROP_LEAVE ? "left DFU mode"
+                                            : "reset");
 }
 
 /* A fault armed with faults_once=1 fires in one run only. */
@@ -506,7 +576,14 @@ static int upload(struct vu_bootloader* unit, uint16_t block, uint8_t* data, uin
     }
     if (block == 1 || length > VU_TRANSFER_SIZE)
         return refuse(unit, VU_errSTALLEDPKT);
-    uint32_t address = unit->pointer + (uint32_t)(block - 2) * VU_TRANSFER_SIZE;
+    /* The bootloader steps by its own transfer size; upload_stride "requested" imitates one
+     * that steps by each request's length, which misplaces a short last block. */
+    const int by_request =
+        strcmp(vu_conf_get(&unit->conf, "upload_stride", "transfer"), "requested") == 0;
+    uint32_t address =
+        unit->pointer + (uint32_t)(block - 2) * (by_request ? length : VU_TRANSFER_SIZE);
+    if (locked_away(unit, address))
+        return refuse(unit, VU_errVENDOR);
     int fault = data_fault(unit, 0, length, timeout_ms);
     if (fault)
         return fault;
@@ -547,16 +624,13 @@ static uint8_t execute(struct vu_bootloader* unit)
     case VU_CMD_ERASE:
         if (flash_sector(unit->pending_address, &start, &size))
             return VU_errADDRESS;
-        return erase_flash(unit, start, size);
+        return locked_away(unit, VU_FLASH_BASE) ? VU_errVENDOR : erase_flash(unit, start, size);
     case VU_CMD_MASS_ERASE:
-        return erase_flash(unit, 0, VU_FLASH_SIZE);
-    case VU_CMD_READ_UNPROTECT: {
-        uint8_t status = erase_flash(unit, 0, VU_FLASH_SIZE);
-        /* Removing read protection resets the part. */
-        drop_off_bus(unit, DROP_RESET, 0);
-        return status;
-    }
+        return locked_away(unit, VU_FLASH_BASE) ? VU_errVENDOR
+                                                : erase_flash(unit, 0, VU_FLASH_SIZE);
     case VU_CMD_WRITE:
+        if (locked_away(unit, unit->pending_address))
+            return VU_errVENDOR;
         return write_memory(unit, unit->pending_address, unit->pending_data, unit->pending_length);
     default:
         return VU_OK;
@@ -575,6 +649,13 @@ static int get_status(struct vu_bootloader* unit, uint8_t* data, uint16_t length
         poll = busy_poll_ms(unit);
         unit->busy_since_ms = monotonic_ms();
         unit->state = VU_dfuDNBUSY;
+        if (unit->pending == VU_CMD_READ_UNPROTECT) {
+            /* The part answers this poll, then erases the flash, drops the protection and
+             * resets; it is off the bus while it erases. dfu-util does not poll again. */
+            erase_flash(unit, 0, VU_FLASH_SIZE);
+            vu_conf_remove(&unit->conf, "read_protected");
+            drop_off_bus(unit, DROP_RESET, operation_ms(unit));
+        }
         break;
     case VU_dfuDNBUSY: {
         long long left = unit->busy_since_ms + operation_ms(unit) - monotonic_ms();
@@ -624,6 +705,15 @@ static int get_status(struct vu_bootloader* unit, uint8_t* data, uint16_t length
     return 6;
 }
 
+/* Some F407/F411 bootloaders answer the first GETSTATUS after they enumerate with dfuERROR,
+ * status errFIRMWARE, until the host clears it. */
+static int first_status_error(const struct vu_conf* conf)
+{
+    return vu_conf_get_int(conf, "first_status_error", 0) == 1 &&
+           vu_conf_get_int(conf, "status_error_cleared", -1) !=
+               vu_conf_get_int(conf, "enumerations", 0);
+}
+
 static int class_request(struct vu_bootloader* unit, uint8_t request_type, uint8_t request,
                          uint16_t value, uint8_t* data, uint16_t length, unsigned timeout_ms)
 {
@@ -639,6 +729,11 @@ static int class_request(struct vu_bootloader* unit, uint8_t request_type, uint8
         unit->state = VU_dfuIDLE;
         unit->status = VU_OK;
         unit->pending = VU_CMD_NONE;
+        if (first_status_error(&unit->conf)) {
+            vu_conf_set(&unit->conf, "status_error_cleared",
+                        vu_conf_get(&unit->conf, "enumerations", "0"));
+            save_conf(unit);
+        }
         return 0;
     case DFU_GETSTATE:
         if (!data || length < 1)
@@ -654,38 +749,6 @@ static int class_request(struct vu_bootloader* unit, uint8_t request_type, uint8
     default:
         return refuse(unit, VU_errSTALLEDPKT);
     }
-}
-
-static int get_descriptor(const struct vu_bootloader* unit, uint16_t value, uint8_t* data,
-                          uint16_t length)
-{
-    uint8_t d[256];
-    int n;
-    switch (value >> 8) {
-    case LIBUSB_DT_DEVICE:
-        n = vu_device_descriptor(d);
-        break;
-    case LIBUSB_DT_CONFIG:
-        n = vu_config_descriptor(d, sizeof d);
-        break;
-    case LIBUSB_DT_STRING:
-        if (unit->no_strings)
-            return LIBUSB_ERROR_PIPE;
-        n = vu_string_descriptor(d, sizeof d, value & 0xff, unit->serial);
-        break;
-    case 0x21:
-        n = vu_dfu_functional_descriptor(d);
-        break;
-    default:
-        n = -1;
-    }
-    if (n < 0)
-        return LIBUSB_ERROR_PIPE;
-    if (n > length)
-        n = length;
-    if (n > 0)
-        memcpy(data, d, (size_t)n);
-    return n;
 }
 
 int vu_bootloader_open(struct vu_bootloader* unit, const char* dir, const struct vu_conf* conf)
@@ -704,6 +767,13 @@ int vu_bootloader_open(struct vu_bootloader* unit, const char* dir, const struct
     if (unit->state != VU_dfuDNLOAD_IDLE && unit->state != VU_dfuUPLOAD_IDLE &&
         unit->state != VU_dfuERROR)
         unit->state = VU_dfuIDLE;
+    if (first_status_error(conf)) {
+        unit->state = VU_dfuERROR;
+        unit->status = VU_errFIRMWARE;
+    }
+    /* The RDP byte: 0xAA is level 0, any other value but 0xCC level 1. */
+    if (vu_conf_get_int(conf, "read_protected", 0) == 1)
+        unit->option_bytes[1] = 0x55;
     unit->opened_state = unit->state;
     unit->opened_status = unit->status;
     char path[4096];
@@ -749,7 +819,8 @@ int vu_bootloader_request(struct vu_bootloader* unit, uint8_t request_type, uint
     const uint8_t type = request_type & (3 << 5);
     if (type == LIBUSB_REQUEST_TYPE_STANDARD && request == LIBUSB_REQUEST_GET_DESCRIPTOR &&
         (request_type & LIBUSB_ENDPOINT_IN))
-        return get_descriptor(unit, value, data, length);
+        return vu_descriptor_request(VU_KIND_UNIT, unit->serial, unit->no_strings, value, data,
+                                     length);
     if (type == LIBUSB_REQUEST_TYPE_CLASS && (request_type & 0x1F) == LIBUSB_RECIPIENT_INTERFACE &&
         index == 0)
         return class_request(unit, request_type, request, value, data, length, timeout_ms);

@@ -36,6 +36,8 @@ enum vu_dfu_status {
     VU_errERASE = 0x04,
     VU_errVERIFY = 0x07,
     VU_errADDRESS = 0x08,
+    VU_errFIRMWARE = 0x0A,
+    VU_errVENDOR = 0x0B,
     VU_errUNKNOWN = 0x0E,
     VU_errSTALLEDPKT = 0x0F
 };
@@ -81,13 +83,24 @@ struct vu_bootloader
     int no_strings;
 };
 
-/* Raw descriptors as the unit sends them on GET_DESCRIPTOR; each returns its length. */
-int vu_device_descriptor(uint8_t* out);
-int vu_config_descriptor(uint8_t* out, int size);
-int vu_dfu_functional_descriptor(uint8_t* out);
+/* A device on the virtual bus: the unit, or another maker's DFU-mode device beside it. */
+enum vu_device_kind { VU_KIND_UNIT, VU_KIND_FOREIGN };
+#define VU_FOREIGN_VENDOR 0x1d50
+#define VU_FOREIGN_PRODUCT 0x6017
+#define VU_FOREIGN_SERIAL "7D8C41A2"
+/* Room for the largest configuration descriptor, the unit's. */
+#define VU_CONFIG_MAX (9 + VU_ALT_COUNT * 9 + 9)
+
+/* Raw descriptors as each device sends them on GET_DESCRIPTOR; each returns its length. */
+int vu_device_descriptor(enum vu_device_kind kind, uint8_t* out);
+int vu_config_descriptor(enum vu_device_kind kind, uint8_t* out, int size);
 /* String descriptor index: 0 is the language list; 3 the serial. Returns -1 for no such string. */
-int vu_string_descriptor(uint8_t* out, int size, int index, const char* serial);
-const char* vu_alt_name(int alt);
+int vu_string_descriptor(enum vu_device_kind kind, uint8_t* out, int size, int index,
+                         const char* serial);
+/* A GET_DESCRIPTOR request, as libusb_control_transfer answers it; with no_strings every string
+ * request fails. The foreign device answers nothing else. */
+int vu_descriptor_request(enum vu_device_kind kind, const char* serial, int no_strings,
+                          uint16_t value, uint8_t* data, uint16_t length);
 
 /* Opens the memory files of the folder; returns 0 or a negative libusb error. */
 int vu_bootloader_open(struct vu_bootloader* unit, const char* dir, const struct vu_conf* conf);

@@ -18,10 +18,11 @@ struct libusb_context
 struct libusb_device
 {
     int refcount;
-    int index;
+    enum vu_device_kind kind;
     char serial[VU_VALUE_MAX];
     uint8_t bus;
     uint8_t ports[2];
+    int port_count;
     uint8_t address;
 };
 
@@ -108,17 +109,27 @@ EXPORT const char* libusb_error_name(int code)
     }
 }
 
-static struct libusb_device* new_device(int index, const char* serial, long long enumerations)
+static struct libusb_device* new_device(enum vu_device_kind kind, const char* serial)
 {
     struct libusb_device* dev = calloc(1, sizeof *dev);
     if (!dev)
         return NULL;
     dev->refcount = 1;
-    dev->index = index;
+    dev->kind = kind;
     snprintf(dev->serial, sizeof dev->serial, "%s", serial);
     dev->bus = 1;
+    return dev;
+}
+
+/* A unit at hub port 2, downstream port 4 - index (path 1-2.4, a twin 1-2.3). */
+static struct libusb_device* new_unit(int index, const char* serial, long long enumerations)
+{
+    struct libusb_device* dev = new_device(VU_KIND_UNIT, serial);
+    if (!dev)
+        return NULL;
     dev->ports[0] = 2;
     dev->ports[1] = (uint8_t)(4 - index);
+    dev->port_count = 2;
     /* The host hands out a new address each time the unit enumerates. */
     dev->address = (uint8_t)(7 + index + (enumerations % 100) * 2);
     return dev;
@@ -128,26 +139,38 @@ EXPORT ssize_t libusb_get_device_list(libusb_context* ctx, libusb_device*** list
 {
     (void)ctx;
     /* Always a valid NULL-terminated array: dfu-util frees it even when it is empty. */
-    libusb_device** devices = calloc(3, sizeof *devices);
+    libusb_device** devices = calloc(4, sizeof *devices);
     if (!devices)
         return LIBUSB_ERROR_NO_MEM;
     *list = devices;
     const char* dir = unit_dir();
     struct vu_conf conf;
-    if (!dir || vu_conf_load(&conf, dir) || vu_conf_presence(&conf, vu_now_ms()) == VU_ABSENT) {
+    if (!dir || vu_conf_load(&conf, dir)) {
         vu_trace("get_device_list -> 0");
         return 0;
     }
-    long long enumerations = vu_conf_get_int(&conf, "enumerations", 0);
     ssize_t count = 0;
-    devices[count] = new_device(0, vu_conf_get(&conf, "serial", VU_DEFAULT_SERIAL), enumerations);
-    if (devices[count])
-        ++count;
-    const char* second = vu_conf_get(&conf, "second_serial", "");
-    if (*second) {
-        devices[count] = new_device(1, second, enumerations);
+    if (vu_conf_presence(&conf, vu_now_ms()) != VU_ABSENT) {
+        long long enumerations = vu_conf_get_int(&conf, "enumerations", 0);
+        devices[count] = new_unit(0, vu_conf_get(&conf, "serial", VU_DEFAULT_SERIAL), enumerations);
         if (devices[count])
             ++count;
+        const char* second = vu_conf_get(&conf, "second_serial", "");
+        if (*second) {
+            devices[count] = new_unit(1, second, enumerations);
+            if (devices[count])
+                ++count;
+        }
+    }
+    /* The foreign device has its own port and stays on the bus whatever the unit does. */
+    if (vu_conf_get_int(&conf, "foreign_device", 0) == 1) {
+        devices[count] = new_device(VU_KIND_FOREIGN, VU_FOREIGN_SERIAL);
+        if (devices[count]) {
+            devices[count]->ports[0] = 3;
+            devices[count]->port_count = 1;
+            devices[count]->address = 5;
+            ++count;
+        }
     }
     vu_trace("get_device_list -> %zd", count);
     return count;
@@ -181,7 +204,7 @@ EXPORT int libusb_get_device_descriptor(libusb_device* dev, struct libusb_device
     if (!dev || !desc)
         return LIBUSB_ERROR_INVALID_PARAM;
     uint8_t d[LIBUSB_DT_DEVICE_SIZE];
-    vu_device_descriptor(d);
+    vu_device_descriptor(dev->kind, d);
     desc->bLength = d[0];
     desc->bDescriptorType = d[1];
     desc->bcdUSB = (uint16_t)(d[2] | d[3] << 8);
@@ -205,7 +228,7 @@ struct config_block
     struct libusb_config_descriptor config;
     struct libusb_interface interface;
     struct libusb_interface_descriptor alts[VU_ALT_COUNT];
-    unsigned char functional[9];
+    unsigned char raw[VU_CONFIG_MAX];
 };
 
 EXPORT int libusb_get_config_descriptor(libusb_device* dev, uint8_t config_index,
@@ -215,11 +238,11 @@ EXPORT int libusb_get_config_descriptor(libusb_device* dev, uint8_t config_index
         return LIBUSB_ERROR_INVALID_PARAM;
     if (config_index != 0)
         return LIBUSB_ERROR_NOT_FOUND;
-    uint8_t raw[LIBUSB_DT_CONFIG_SIZE + VU_ALT_COUNT * LIBUSB_DT_INTERFACE_SIZE + 9];
-    int total = vu_config_descriptor(raw, sizeof raw);
     struct config_block* b = calloc(1, sizeof *b);
     if (!b)
         return LIBUSB_ERROR_NO_MEM;
+    const uint8_t* raw = b->raw;
+    int total = vu_config_descriptor(dev->kind, b->raw, sizeof b->raw);
     struct libusb_config_descriptor* c = &b->config;
     c->bLength = raw[0];
     c->bDescriptorType = raw[1];
@@ -231,25 +254,30 @@ EXPORT int libusb_get_config_descriptor(libusb_device* dev, uint8_t config_index
     c->MaxPower = raw[8];
     c->interface = &b->interface;
     b->interface.altsetting = b->alts;
-    b->interface.num_altsetting = VU_ALT_COUNT;
-    for (int alt = 0; alt < VU_ALT_COUNT; ++alt) {
-        const uint8_t* p = raw + LIBUSB_DT_CONFIG_SIZE + alt * LIBUSB_DT_INTERFACE_SIZE;
-        struct libusb_interface_descriptor* a = &b->alts[alt];
-        a->bLength = p[0];
-        a->bDescriptorType = p[1];
-        a->bInterfaceNumber = p[2];
-        a->bAlternateSetting = p[3];
-        a->bNumEndpoints = p[4];
-        a->bInterfaceClass = p[5];
-        a->bInterfaceSubClass = p[6];
-        a->bInterfaceProtocol = p[7];
-        a->iInterface = p[8];
+    int count = 0;
+    for (int at = raw[0]; at + 1 < total && raw[at] > 0; at += raw[at]) {
+        const uint8_t* p = raw + at;
+        if (p[1] == LIBUSB_DT_INTERFACE && count < VU_ALT_COUNT) {
+            struct libusb_interface_descriptor* a = &b->alts[count++];
+            a->bLength = p[0];
+            a->bDescriptorType = p[1];
+            a->bInterfaceNumber = p[2];
+            a->bAlternateSetting = p[3];
+            a->bNumEndpoints = p[4];
+            a->bInterfaceClass = p[5];
+            a->bInterfaceSubClass = p[6];
+            a->bInterfaceProtocol = p[7];
+            a->iInterface = p[8];
+        } else if (count > 0) {
+            /* libusb hands descriptors it does not parse to the setting they follow: the
+             * functional descriptor lands in the last alternate setting's extra bytes. */
+            struct libusb_interface_descriptor* a = &b->alts[count - 1];
+            if (!a->extra)
+                a->extra = p;
+            a->extra_length += p[0];
+        }
     }
-    /* libusb hands descriptors it does not parse to the setting they follow: the functional
-     * descriptor lands in the last alternate setting's extra bytes. */
-    memcpy(b->functional, raw + total - 9, 9);
-    b->alts[VU_ALT_COUNT - 1].extra = b->functional;
-    b->alts[VU_ALT_COUNT - 1].extra_length = 9;
+    b->interface.num_altsetting = count;
     *config = c;
     return 0;
 }
@@ -268,10 +296,10 @@ EXPORT int libusb_get_port_numbers(libusb_device* dev, uint8_t* port_numbers, in
 {
     if (!dev || !port_numbers || port_numbers_len <= 0)
         return LIBUSB_ERROR_INVALID_PARAM;
-    if (port_numbers_len < 2)
+    if (port_numbers_len < dev->port_count)
         return LIBUSB_ERROR_OVERFLOW;
-    memcpy(port_numbers, dev->ports, 2);
-    return 2;
+    memcpy(port_numbers, dev->ports, (size_t)dev->port_count);
+    return dev->port_count;
 }
 
 EXPORT uint8_t libusb_get_device_address(libusb_device* dev)
@@ -283,6 +311,16 @@ EXPORT int libusb_open(libusb_device* dev, libusb_device_handle** dev_handle)
 {
     if (!dev || !dev_handle)
         return LIBUSB_ERROR_INVALID_PARAM;
+    if (dev->kind == VU_KIND_FOREIGN) {
+        /* It keeps no state, so it needs neither the folder nor its lock. */
+        libusb_device_handle* h = calloc(1, sizeof *h);
+        if (!h)
+            return LIBUSB_ERROR_NO_MEM;
+        h->dev = libusb_ref_device(dev);
+        *dev_handle = h;
+        vu_trace("open foreign %s", dev->serial);
+        return 0;
+    }
     const char* dir = unit_dir();
     if (!dir)
         return LIBUSB_ERROR_NO_DEVICE;
@@ -330,10 +368,12 @@ EXPORT void libusb_close(libusb_device_handle* dev_handle)
     if (!dev_handle)
         return;
     vu_trace("close");
-    vu_bootloader_close(&dev_handle->unit);
+    const int foreign = dev_handle->dev->kind == VU_KIND_FOREIGN;
+    if (!foreign)
+        vu_bootloader_close(&dev_handle->unit);
     libusb_unref_device(dev_handle->dev);
     free(dev_handle);
-    if (--open_handles == 0) {
+    if (!foreign && --open_handles == 0) {
         vu_unlock(lock_fd);
         lock_fd = -1;
     }
@@ -344,6 +384,8 @@ EXPORT int libusb_claim_interface(libusb_device_handle* dev_handle, int interfac
     vu_trace("claim_interface %d", interface_number);
     if (!dev_handle)
         return LIBUSB_ERROR_INVALID_PARAM;
+    if (dev_handle->dev->kind == VU_KIND_FOREIGN)
+        return interface_number == 0 ? 0 : LIBUSB_ERROR_NOT_FOUND;
     return vu_bootloader_claim(&dev_handle->unit, interface_number);
 }
 
@@ -390,7 +432,15 @@ EXPORT int libusb_control_transfer(libusb_device_handle* dev_handle, uint8_t req
 {
     if (!dev_handle)
         return LIBUSB_ERROR_INVALID_PARAM;
-    int result = vu_bootloader_request(&dev_handle->unit, request_type, bRequest, wValue, wIndex,
+    int result;
+    if (dev_handle->dev->kind == VU_KIND_FOREIGN)
+        result = request_type == (LIBUSB_ENDPOINT_IN | LIBUSB_REQUEST_TYPE_STANDARD) &&
+                         bRequest == LIBUSB_REQUEST_GET_DESCRIPTOR
+                     ? vu_descriptor_request(VU_KIND_FOREIGN, dev_handle->dev->serial, 0, wValue,
+                                             data, wLength)
+                     : LIBUSB_ERROR_PIPE;
+    else
+        result = vu_bootloader_request(&dev_handle->unit, request_type, bRequest, wValue, wIndex,
                                        data, wLength, timeout);
     vu_trace("control %02x %02x %04x %04x %u -> %d state %u", request_type, bRequest, wValue,
              wIndex, wLength, result, dev_handle->unit.state);

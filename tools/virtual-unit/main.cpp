@@ -148,8 +148,8 @@ Error applySettings(const QCommandLineParser& args, vu_conf* conf)
     }
     if (args.isSet(QStringLiteral("reenumerate-ms"))) {
         long long ms = 0;
-        if (Error e = parseNumber(args.value(QStringLiteral("reenumerate-ms")),
-                                  "--reenumerate-ms", &ms);
+        if (Error e =
+                parseNumber(args.value(QStringLiteral("reenumerate-ms")), "--reenumerate-ms", &ms);
             !e.isEmpty())
             return e;
         vu_conf_set_int(conf, "reenumerate_ms", ms);
@@ -288,26 +288,24 @@ Error plug(const QString& dir, bool plugged)
     if (Error e = unit.unitError(); !e.isEmpty())
         return e;
     vu_conf* conf = unit.conf();
-    // A unit running its application is on the bus only as that; plug starts the bootloader.
-    const bool was = vu_conf_get_int(conf, "plugged", 0) == 1 &&
-                     vu_conf_get_int(conf, "in_application", 0) != 1;
     vu_conf_set_int(conf, "plugged", plugged ? 1 : 0);
     vu_conf_set_int(conf, plugged ? "plugged_at_ms" : "unplugged_at_ms", vu_now_ms());
-    // Pulling the cable ends a pending absence and resets the bootloader; plugging in again
-    // enumerates anew.
+    // Pulling the cable ends a pending absence, a run of the application and the bootloader's
+    // state; plugging in (again) starts the bootloader, which enumerates anew.
     vu_conf_set_int(conf, "left_at_ms", 0);
     vu_conf_remove(conf, "in_application");
     vu_conf_remove(conf, "dfu_state");
     vu_conf_remove(conf, "dfu_status");
-    if (plugged && !was)
+    if (plugged)
         vu_conf_set_int(conf, "enumerations", vu_conf_get_int(conf, "enumerations", 0) + 1);
     return unit.save();
 }
 
-const char* const faultKeys[] = {"fail_after",    "stall_after",        "stall_ms",
-                                 "short_after",   "fault_direction",    "unplug_after",
-                                 "flip_address",  "leave_status_fails", "second_serial",
-                                 "claim_fails",   "faults_once"};
+const char* const faultKeys[] = {
+    "fail_after",      "stall_after",    "stall_ms",           "short_after",
+    "fault_direction", "unplug_after",   "flip_address",       "leave_status_fails",
+    "second_serial",   "claim_fails",    "first_status_error", "status_error_cleared",
+    "read_protected",  "foreign_device", "upload_stride",      "faults_once"};
 
 Error inject(const QCommandLineParser& args, const QString& dir)
 {
@@ -319,12 +317,9 @@ Error inject(const QCommandLineParser& args, const QString& dir)
     {
         const char* option;
         const char* key;
-    } numbers[] = {{"fail-after", "fail_after"},
-                   {"stall-after", "stall_after"},
-                   {"stall-ms", "stall_ms"},
-                   {"unplug-after", "unplug_after"},
-                   {"short-after", "short_after"},
-                   {"flip-byte", "flip_address"},
+    } numbers[] = {{"fail-after", "fail_after"},   {"stall-after", "stall_after"},
+                   {"stall-ms", "stall_ms"},       {"unplug-after", "unplug_after"},
+                   {"short-after", "short_after"}, {"flip-byte", "flip_address"},
                    {"claim-fails", "claim_fails"}};
     for (const auto& entry : numbers) {
         const QString option = QLatin1String(entry.option);
@@ -349,8 +344,24 @@ Error inject(const QCommandLineParser& args, const QString& dir)
             return e;
         vu_conf_set(conf, "second_serial", serial.toLatin1().constData());
     }
-    if (args.isSet(QStringLiteral("leave-status-fails")))
-        vu_conf_set_int(conf, "leave_status_fails", 1);
+    if (args.isSet(QStringLiteral("upload-stride"))) {
+        const QString stride = args.value(QStringLiteral("upload-stride"));
+        if (stride != QLatin1String("requested") && stride != QLatin1String("transfer"))
+            return QStringLiteral("--upload-stride takes requested or transfer, not \"%1\"")
+                .arg(stride);
+        vu_conf_set(conf, "upload_stride", stride.toLatin1().constData());
+    }
+    const struct
+    {
+        const char* option;
+        const char* key;
+    } flags[] = {{"leave-status-fails", "leave_status_fails"},
+                 {"first-status-error", "first_status_error"},
+                 {"read-protected", "read_protected"},
+                 {"foreign-device", "foreign_device"}};
+    for (const auto& entry : flags)
+        if (args.isSet(QLatin1String(entry.option)))
+            vu_conf_set_int(conf, entry.key, 1);
     if (args.isSet(QStringLiteral("once")))
         vu_conf_set_int(conf, "faults_once", 1);
     if (Error e = applySettings(args, conf); !e.isEmpty())
@@ -533,6 +544,18 @@ int main(int argc, char* argv[])
          QStringLiteral("serial")},
         {QStringLiteral("leave-status-fails"),
          QStringLiteral("inject: the last poll of a leave request fails.")},
+        {QStringLiteral("first-status-error"),
+         QStringLiteral("inject: after each enumeration the unit reports dfuERROR, status 10, "
+                        "until the host clears it.")},
+        {QStringLiteral("read-protected"),
+         QStringLiteral("inject: read protection level 1: flash and OTP are refused until a "
+                        "read unprotect (which erases the flash).")},
+        {QStringLiteral("foreign-device"),
+         QStringLiteral("inject: another maker's DFU-mode device (1d50:6017) on the bus.")},
+        {QStringLiteral("upload-stride"),
+         QStringLiteral("inject: an upload block's address steps by the transfer size (the "
+                        "default) or by each request's length."),
+         QStringLiteral("requested|transfer")},
         {QStringLiteral("claim-fails"),
          QStringLiteral("inject: the next N claims of the interface fail (LIBUSB_ERROR_BUSY)."),
          QStringLiteral("count")},
