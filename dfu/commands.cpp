@@ -27,20 +27,26 @@ Command entry(QList<QString> args)
 
 QString Command::path;
 
+// Transfers name the bootloader's DFU-mode ids: "-d 0483" alone sets only dfu-util's run-time
+// filter, so any other DFU-mode device on the bus would match too and the transfer would refuse to
+// pick one ("More than one DFU capable USB device found"). The listing keeps the plain vendor:
+// its parser looks for the unit's own lines anyway.
+const QString unit_in_dfu_mode = QStringLiteral(",0483:df11");
+
 QMap<CmdID, Command> commands = {
     {version, entry({QStringLiteral("-V")})},
     {list, entry({QStringLiteral("-d"), QStringLiteral("0483"), QStringLiteral("-l")})},
-    {upload_OTP,
-     entry({QStringLiteral("-d"), QStringLiteral("0483"), QStringLiteral("-a"), QStringLiteral("2"),
-            QStringLiteral("-s"), QStringLiteral("0x1FFF7800:512"), QStringLiteral("-U")})},
-    {upload_FW_info,
-     entry({QStringLiteral("-d"), QStringLiteral("0483"), QStringLiteral("-a"), QStringLiteral("0"),
-            QStringLiteral("-s"), QStringLiteral("0x08000000:2048"), QStringLiteral("-U")})},
-    {upload_FW, entry({QStringLiteral("-d"), QStringLiteral("0483"), QStringLiteral("-a"),
-                       QStringLiteral("0")})},
-    {download_FW,
-     entry({QStringLiteral("-d"), QStringLiteral("0483"), QStringLiteral("-a"), QStringLiteral("0"),
-            QStringLiteral("-s"), QStringLiteral("0x08000000:leave"), QStringLiteral("-D")})},
+    {upload_OTP, entry({QStringLiteral("-d"), unit_in_dfu_mode, QStringLiteral("-a"),
+                        QStringLiteral("2"), QStringLiteral("-s"),
+                        QStringLiteral("0x1FFF7800:512"), QStringLiteral("-U")})},
+    {upload_FW_info, entry({QStringLiteral("-d"), unit_in_dfu_mode, QStringLiteral("-a"),
+                            QStringLiteral("0"), QStringLiteral("-s"),
+                            QStringLiteral("0x08000000:2048"), QStringLiteral("-U")})},
+    {upload_FW,
+     entry({QStringLiteral("-d"), unit_in_dfu_mode, QStringLiteral("-a"), QStringLiteral("0")})},
+    {download_FW, entry({QStringLiteral("-d"), unit_in_dfu_mode, QStringLiteral("-a"),
+                         QStringLiteral("0"), QStringLiteral("-s"),
+                         QStringLiteral("0x08000000:leave"), QStringLiteral("-D")})},
     {setup_prepared_config, entry({})},
 };
 

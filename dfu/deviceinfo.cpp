@@ -15,6 +15,39 @@ QString working_file(const QString& name)
     return Files::external_dir.path() + QLatin1Char('/') + name;
 }
 
+// The bootloader's DFU transfer size: every upload block but a final short one has this length.
+constexpr int transfer_size = 2048;
+constexpr int OTP_area_size = 512;
+constexpr int FW_info_size = 2048;
+
+// dfu-util ends an upload with exit code 0 at the first short block, so a unit that stops
+// answering mid-read can leave a short file behind a "successful" run. Such a read-out is a
+// failed one: the caller must not take a few bytes for an identity or a firmware block.
+bool complete_read_out(const QString& path, int expected, CommandResult* result)
+{
+    const int got = size_of_binary_file(path);
+    if (got == expected)
+        return true;
+    const QString text = QStringLiteral("Short read-out of %1: expected %2 bytes, got %3.")
+                             .arg(path)
+                             .arg(expected)
+                             .arg(got < 0 ? 0 : got);
+    qWarning().noquote() << text;
+    result->exit_code = short_read_exit_code;
+    result->output += text;
+    return false;
+}
+
+// Reads the firmware information block into path: the run's result, failed when it came back short.
+CommandResult upload_FW_info_into(const QString& path)
+{
+    support_misc::ensure_file_is_deleted(path);
+    CommandResult result = run_command(upload_FW_info, {path});
+    if (result.exit_code == 0)
+        complete_read_out(path, FW_info_size, &result);
+    return result;
+}
+
 } // namespace
 
 DeviceInfo::operator QString() const
@@ -34,13 +67,13 @@ QDebug operator<<(QDebug dbg, const DeviceInfo& info)
     return dbg;
 }
 
-CommandResult read_device_info(const DeviceItem* device, DeviceInfo* info)
+CommandResult read_device_info(const DeviceItem* /*device*/, DeviceInfo* info)
 {
     const QString path = working_file(Files::uploaded_OTP_fileName_bin);
     support_misc::ensure_file_is_deleted(path);
 
     CommandResult result = run_command(upload_OTP, {path});
-    if (result.exit_code != 0)
+    if (result.exit_code != 0 || !complete_read_out(path, OTP_area_size, &result))
         return result;
 
     info->OTP_info = Device::make_OTP_Info(path);
@@ -50,7 +83,17 @@ CommandResult read_device_info(const DeviceItem* device, DeviceInfo* info)
     info->valid = true;
     qInfo() << QString(info->OTP_info);
 
-    info->FW_info = read_FW_Info(device);
+    // A failed or short information read says nothing about the firmware: the whole read-out
+    // failed. Only a complete block that holds no valid information counts as a product mismatch,
+    // which still lets a unit whose earlier write broke off be repaired.
+    const CommandResult info_read =
+        upload_FW_info_into(working_file(Files::uploaded_FW_info_fileName_bin));
+    if (info_read.exit_code != 0) {
+        result.exit_code = info_read.exit_code;
+        result.output += info_read.output;
+        return result;
+    }
+    info->FW_info = Device::make_FW_Info(working_file(Files::uploaded_FW_info_fileName_bin));
     if (info->FW_info.product != info->OTP_info.product) {
         // A service build may give a blank unit its first firmware.
         const bool accept = info->OTP_info.empty && have_service_build();
@@ -73,9 +116,7 @@ CommandResult read_device_info(const DeviceItem* device, DeviceInfo* info)
 Device::FW_Info read_FW_Info(const DeviceItem* /*device*/)
 {
     const QString path = working_file(Files::uploaded_FW_info_fileName_bin);
-    support_misc::ensure_file_is_deleted(path);
-
-    if (run_command(upload_FW_info, {path}).exit_code != 0)
+    if (upload_FW_info_into(path).exit_code != 0)
         return {};
     return Device::make_FW_Info(path);
 }
@@ -95,14 +136,31 @@ int upload_FW_from_device(const QString& target, int byte_count)
         .exit_code;
 }
 
+int whole_blocks(int byte_count)
+{
+    return (byte_count + transfer_size - 1) / transfer_size * transfer_size;
+}
+
 bool upload_and_compare_FW_bin(const QString& reference, const QString& target)
 {
     const int size = size_of_binary_file(reference);
     if (size < 1)
         return false;
-    if (upload_FW_from_device(target, size) != 0)
+    // Whole blocks only: bootloaders differ in where they read a short last block from (at the
+    // transfer size's stride or at the requested length's), and a whole block reads the same on
+    // every one of them. The flash beyond the image is read along and not compared.
+    const int read_back = whole_blocks(size);
+    if (upload_FW_from_device(target, read_back) != 0)
         return false;
-    return compare_FW_bin_files(reference, target);
+    CommandResult result;
+    if (!complete_read_out(target, read_back, &result))
+        return false;
+    QFile a(reference);
+    QFile b(target);
+    if (!a.open(QIODevice::ReadOnly) || !b.open(QIODevice::ReadOnly))
+        return false;
+    // Exact bytes: a read-back that misses one block must not pass.
+    return a.readAll() == b.read(size);
 }
 
 int size_of_binary_file(const QString& path)

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QDebug>
+#include <QMetaType>
 #include <QString>
 
 #include "device/fwinfo.h"
@@ -29,12 +30,20 @@ struct DeviceInfo
 QDebug operator<<(QDebug dbg, const DeviceInfo& info);
 
 // Fills *info field by field without resetting it first. A product mismatch is not an error
-// code: the result's exit code stays 0 and the explanation is appended to its output.
+// code: the result's exit code stays 0 and the explanation is appended to its output. A failed
+// or short OTP or information read-out is: its exit code, or short_read_exit_code.
 CommandResult read_device_info(const DeviceItem* device, DeviceInfo* info);
 Device::FW_Info read_FW_Info(const DeviceItem* device);
 
+// The exit code a read-out gets when dfu-util exited 0 but the file came back short (sysexits'
+// EX_TEMPFAIL: the unit is to be read again).
+constexpr int short_read_exit_code = 75;
+
 int download_FW_to_device(const QString& path);
 int upload_FW_from_device(const QString& target, int byte_count);
+// The byte count rounded up to whole transfer blocks (2048 bytes).
+int whole_blocks(int byte_count);
+// Reads whole_blocks(reference's size) bytes back and compares the reference's length of them.
 bool upload_and_compare_FW_bin(const QString& reference, const QString& target);
 
 int size_of_binary_file(const QString& path);
@@ -45,3 +54,6 @@ Device::FW_Info read_FW_Info_from_desired_FW();
 const Device::FW_Info& desired_FW_Info();
 
 } // namespace DFU
+
+// Handed from the worker to the flow with the signal that announces the unit.
+Q_DECLARE_METATYPE(DFU::DeviceInfo)

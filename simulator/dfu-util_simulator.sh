@@ -233,12 +233,18 @@ select_region() {
     esac
 }
 
+# Whether -d selects the unit: the vendor alone, vendor and product, or the DFU-mode ids after a comma.
+vendor_matches() {
+    case $vendor in
+    "" | 0483 | 0483:df11 | ,0483 | ,0483:df11 | 0483,0483:df11 | 0483:df11,0483:df11) return 0 ;;
+    *) return 1 ;;
+    esac
+}
+
 # The device dfu-util would open for an upload or download: exactly one must be attached.
 open_unit() {
     attached_serials
-    if [[ $vendor != "" && $vendor != 0483 && $vendor != 0483:df11 ]]; then
-        attached=()
-    fi
+    vendor_matches || attached=()
     ((${#attached[@]} > 0)) || die $EX_IOERR "No DFU capable USB device available"
     ((${#attached[@]} == 1)) ||
         die $EX_IOERR "More than one DFU capable USB device found! Try \`--list' and specify the serial number or disconnect all but one device"
@@ -261,9 +267,7 @@ alt_names=("@Internal Flash  /0x08000000/04*016Kg,01*064Kg,07*128Kg"
 do_list() {
     banner
     attached_serials
-    if [[ $vendor != "" && $vendor != 0483 && $vendor != 0483:df11 ]]; then
-        return 0
-    fi
+    vendor_matches || return 0
     sleep_ms "$(duration_ms 150)"
     local unit=0 serial a lines
     for serial in "${attached[@]}"; do

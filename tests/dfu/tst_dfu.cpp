@@ -110,9 +110,10 @@ void tst_Dfu::command_table()
         texts << QString(DFU::commands.value(id));
     QCOMPARE(texts,
              (QStringList{"dfu-util(-V)", "dfu-util(-d,0483,-l)",
-                          "dfu-util(-d,0483,-a,2,-s,0x1FFF7800:512,-U)",
-                          "dfu-util(-d,0483,-a,0,-s,0x08000000:2048,-U)", "dfu-util(-d,0483,-a,0)",
-                          "dfu-util(-d,0483,-a,0,-s,0x08000000:leave,-D)"}));
+                          "dfu-util(-d,,0483:df11,-a,2,-s,0x1FFF7800:512,-U)",
+                          "dfu-util(-d,,0483:df11,-a,0,-s,0x08000000:2048,-U)",
+                          "dfu-util(-d,,0483:df11,-a,0)",
+                          "dfu-util(-d,,0483:df11,-a,0,-s,0x08000000:leave,-D)"}));
 
     // The scan lists twice a second; its runs must not flood the log.
     const LogCapture capture;
@@ -228,8 +229,10 @@ void tst_Dfu::listing()
 void tst_Dfu::read_device_info_data()
 {
     QTest::addColumn<QByteArray>("otp");
-    QTest::addColumn<QByteArray>("otp_exit"); // also the read-out's exit code
+    QTest::addColumn<QByteArray>("flash");
+    QTest::addColumn<QByteArray>("otp_exit");
     QTest::addColumn<QByteArray>("fw_info_exit");
+    QTest::addColumn<int>("exit");        // the read-out's
     QTest::addColumn<QString>("text");    // the DeviceInfo's text form afterwards
     QTest::addColumn<QStringList>("log"); // a mismatch line is also the result's output
 
@@ -242,22 +245,34 @@ void tst_Dfu::read_device_info_data()
                                             "contains\n%2");
     const QString unread = QStringLiteral("DeviceInfo:\n\tDevice type:\t%1\n\tFW_revision:\told\n");
     const QString match = QStringLiteral("DeviceInfo:\n\tDevice type:\t3\n\tFW_revision:\t2.3.0\n");
+    const QByteArray kestrel = otp(Device::Kestrel), ok = "0", firmware = image(Device::Kestrel);
+    const int short_read = DFU::short_read_exit_code;
 
-    QTest::newRow("OTP upload fails") << otp(Device::Kestrel) << QByteArray("1") << QByteArray("0")
+    QTest::newRow("OTP upload fails") << kestrel << firmware << QByteArray("1") << ok << 1
                                       << "DeviceInfo:\nInvalid" << QStringList();
+    // dfu-util exits 0 at the first short block: a few bytes are no identity.
+    QTest::newRow("OTP read-out short") << kestrel.left(8) << firmware << ok << ok << short_read
+                                        << "DeviceInfo:\nInvalid" << QStringList();
     QTest::newRow("products match")
-        << otp(Device::Kestrel) << QByteArray("0") << QByteArray("0") << match
+        << kestrel << firmware << ok << ok << 0 << match
         << QStringList{otp_line.arg("valid", "KSTR (3)"), "info: " + match + ' ' + fw};
     QTest::newRow("products differ")
-        << otp(Device::Verdant) << QByteArray("0") << QByteArray("0") << unread.arg(4)
+        << otp(Device::Verdant) << firmware << ok << ok << 0 << unread.arg(4)
         << QStringList{otp_line.arg("valid", "VRDN (4)"),
                        mismatch.arg("ProductInfo: VRDN (4)", fw)};
-    QTest::newRow("FW-info upload fails")
-        << otp(Device::Kestrel) << QByteArray("0") << QByteArray("74") << unread.arg(3)
+    QTest::newRow("FW-info upload fails") << kestrel << firmware << ok << QByteArray("74") << 74
+                                          << unread.arg(3)
+                                          << QStringList{otp_line.arg("valid", "KSTR (3)")};
+    QTest::newRow("FW-info read-out short")
+        << kestrel << firmware.left(1000) << ok << ok << short_read << unread.arg(3)
+        << QStringList{otp_line.arg("valid", "KSTR (3)")};
+    // A whole block without valid information: an interrupted earlier write, to be repaired.
+    QTest::newRow("FW-info complete, no valid block")
+        << kestrel << QByteArray(4096, '\xFF') << ok << ok << 0 << unread.arg(3)
         << QStringList{otp_line.arg("valid", "KSTR (3)"),
                        mismatch.arg("ProductInfo: KSTR (3)", "FW info:\n\tInvalid")};
     QTest::newRow("blank OTP, normal build")
-        << ImageTool::blank_otp_area() << QByteArray("0") << QByteArray("0") << unread.arg(0)
+        << ImageTool::blank_otp_area() << firmware << ok << ok << 0 << unread.arg(0)
         << QStringList{"info: Upload done.\n OTP is blank.\n",
                        otp_line.arg("invalid", "invalid (0)"),
                        mismatch.arg("ProductInfo: invalid (0)", fw)};
@@ -266,15 +281,17 @@ void tst_Dfu::read_device_info_data()
 void tst_Dfu::read_device_info()
 {
     QFETCH(QByteArray, otp);
+    QFETCH(QByteArray, flash);
     QFETCH(QByteArray, otp_exit);
     QFETCH(QByteArray, fw_info_exit);
+    QFETCH(int, exit);
     QFETCH(QString, text);
     QFETCH(QStringList, log);
 
     // A failed upload leaves its file behind, and the fake, like dfu-util, refuses an existing
     // target: each row also proves that the files of the row before were deleted.
     put("otp.bin", otp);
-    put("flash.bin", image(Device::Kestrel));
+    put("flash.bin", flash);
     put("upload_OTP.stdout", "Upload done.\n");
     put("upload_OTP.exit", otp_exit);
     put("upload_FW_info.exit", fw_info_exit);
@@ -284,15 +301,22 @@ void tst_Dfu::read_device_info()
     const LogCapture capture;
     const DFU::CommandResult result = DFU::read_device_info(nullptr, &info);
     QCOMPARE(capture.lines().filter(QRegularExpression("^info: (?!Start |Exit with)")), log);
-    QCOMPARE(result.exit_code, otp_exit.toInt());
+    QCOMPARE(result.exit_code, exit);
     const bool mismatch = !log.isEmpty() && log.last().contains("FW assumed invalid");
-    QCOMPARE(result.output, mismatch ? log.last().mid(6) : QStringLiteral("Upload done.\n"));
+    if (mismatch)
+        QCOMPARE(result.output, log.last().mid(6));
+    else
+        QVERIFY(result.output.startsWith(QStringLiteral("Upload done.\n")));
+    // A short read names both sizes, in the output and in a warning.
+    QCOMPARE(result.output.contains(QRegularExpression("expected (512|2048) bytes, got (8|1000)")),
+             exit == DFU::short_read_exit_code);
     QCOMPARE(QString(info), text);
     QCOMPARE(info.FW_info.valid, text.contains("2.3.0"));
 }
 
 void tst_Dfu::read_back_data()
 {
+    QTest::addColumn<int>("length"); // of the reference image
     QTest::addColumn<QByteArray>("flash");
     QTest::addColumn<QByteArray>("upload_exit");
     QTest::addColumn<bool>("equal");
@@ -301,20 +325,25 @@ void tst_Dfu::read_back_data()
     QByteArray last_differs = bytes;
     last_differs[4095] = char(bytes[4095] ^ 1);
     QTest::newRow("flash holds the image")
-        << bytes + QByteArray(500, '\xFF') << QByteArray("0") << true;
-    QTest::newRow("last byte differs") << last_differs << QByteArray("0") << false;
-    QTest::newRow("upload fails") << bytes << QByteArray("74") << false;
+        << 4096 << bytes + QByteArray(500, '\xFF') << QByteArray("0") << true;
+    QTest::newRow("last byte differs") << 4096 << last_differs << QByteArray("0") << false;
+    QTest::newRow("upload fails") << 4096 << bytes << QByteArray("74") << false;
+    // Read in whole blocks, compared over the image's length: what follows it does not count.
+    QTest::newRow("image ends mid-block") << 3000 << last_differs << QByteArray("0") << true;
+    // The read-back ends early although dfu-util exits 0: never a match.
+    QTest::newRow("read-back short") << 3000 << bytes.left(3000) << QByteArray("0") << false;
 }
 
 void tst_Dfu::read_back()
 {
+    QFETCH(int, length);
     QFETCH(QByteArray, flash);
     QFETCH(QByteArray, upload_exit);
     QFETCH(bool, equal);
 
     // No shell between us and the tool: the name reaches it unsplit and unexpanded.
     const QString target = QStringLiteral("it's \"q\" $HOME;*`id` Grüße ✓.bin");
-    put("reference.bin", image(Device::Kestrel));
+    put("reference.bin", image(Device::Kestrel).left(length));
     put(target, "stale"); // must be deleted first, else the tool refuses to upload
     put("flash.bin", flash);
     put("upload_FW.exit", upload_exit);
