@@ -1,23 +1,23 @@
 #include "app/connections.h"
 
 #include <QApplication>
+#include <QCloseEvent>
 #include <QDeadlineTimer>
 #include <QDebug>
 #include <QKeySequence>
-#include <QLabel>
 #include <QShortcut>
-#include <QTimer>
 
 #include "app/shell.h"
-#include "dfu/usbaccess.h"
+#include "app/statusline.h"
 #include "gui/installbutton.h"
 #include "gui/logwindow.h"
 #include "gui/mainwindow.h"
 #include "gui/progressbar.h"
 #include "gui/settings.h"
-#include "simulator/simulator.h"
 #include "statemachines/sm_a.h"
 #include "statemachines/sm_b.h"
+
+StatusLine* statusLine = nullptr;
 
 namespace {
 
@@ -26,63 +26,68 @@ QString settings_text(const char* id)
     return settings.gui.text(QString::fromLatin1(id));
 }
 
-void show_revision_text()
+QString revision_text()
 {
     const QString product = sm_B->device_info.OTP_info.product_name();
     // The unit's own bytes go into a rich-text label: markup in them must show as text.
     const QString revision = sm_B->device_info.FW_revision.toHtmlEscaped();
-    const QString text = revision.isEmpty()
-                             ? settings_text("status_devRevUnknown").arg(product)
-                             : settings_text("status_devRev").arg(product, revision);
-    mainWindow->statusLabel()->setText(text);
+    return revision.isEmpty() ? settings_text("status_devRevUnknown").arg(product)
+                              : settings_text("status_devRev").arg(product, revision);
 }
 
-// What the no-unit status line showed last, so a later look only replaces its own text.
-QString shown_no_unit_text;
-
-// An attached bootloader whose node this user may not open never reaches dfu-util's listing, so
-// the plain no-unit text would stay for good; name the node and the fix instead.
-void show_no_unit_text(QLabel* status)
+void show_revision_text()
 {
-    QString text = settings_text("status_noDev");
-    if (!simulator::use) {
-        const QString node =
-            DFU::inaccessible_bootloader_node(QStringLiteral("/sys"), QStringLiteral("/dev"));
-        if (!node.isEmpty())
-            text = settings_text("status_devNoAccess").arg(node);
-        if (!node.isEmpty() && text != shown_no_unit_text)
-            qWarning() << "Cannot open DFU device" << node << "(no permission)";
-    }
-    shown_no_unit_text = text;
-    status->setText(text);
+    statusLine->showUnit(revision_text());
 }
 
-// The unit may be plugged in, or its rule take effect, while the no-unit text shows: look again
-// every second, but only while that text is still on the status line.
-void watch_no_unit_text(QLabel* status)
-{
-    show_no_unit_text(status);
-    static QTimer* recheck = nullptr;
-    if (recheck || simulator::use)
-        return;
-    recheck = new QTimer(status);
-    QObject::connect(recheck, &QTimer::timeout, status, [status] {
-        if (status->text() == shown_no_unit_text)
-            show_no_unit_text(status);
-    });
-    recheck->start(1000);
-}
-
+// Escape or Q: the worker stops once its current run has ended. A read-out or a write is never cut
+// short: an idle worker is waited for briefly, a busy one not at all, and until it has ended the
+// status line says so.
 void stop_worker()
 {
     qInfo() << "Trying to stop sm_A";
     sm_A->do_stop();
-    if (!sm_A->wait(QDeadlineTimer(1000))) {
-        qWarning() << "Oops, SM_A not dead yet";
-        sm_A->terminate();
-        sm_A->wait();
+    if (!sm_A->transfer_running() && sm_A->wait(QDeadlineTimer(1000))) {
+        statusLine->setStopping(StatusLine::Stopping::Stopped);
+        return;
     }
+    qWarning() << "Oops, SM_A not dead yet";
+    statusLine->setStopping(StatusLine::Stopping::FinishingRun);
+    QObject::connect(sm_A, &QThread::finished, statusLine,
+                     [] { statusLine->setStopping(StatusLine::Stopping::Stopped); });
+    if (sm_A->isFinished())
+        statusLine->setStopping(StatusLine::Stopping::Stopped);
 }
+
+// A window closed while a transfer runs stays on screen, saying so, and closes itself once the
+// worker has ended: a window that vanished while the tool still writes invites pulling the cable.
+class CloseWhenIdle final : public QObject
+{
+public:
+    using QObject::QObject;
+
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override
+    {
+        if (event->type() != QEvent::Close || !sm_A->isRunning() || !sm_A->transfer_running())
+            return QObject::eventFilter(watched, event);
+        event->ignore();
+        if (!deferred) {
+            deferred = true;
+            qInfo() << "Closing waits for the running transfer";
+            sm_A->do_stop();
+            statusLine->setStopping(StatusLine::Stopping::FinishingRun);
+            QObject::connect(sm_A, &QThread::finished, watched, [watched] {
+                qInfo() << "The transfer has ended; closing";
+                static_cast<QWidget*>(watched)->close();
+            });
+        }
+        return true;
+    }
+
+private:
+    bool deferred = false;
+};
 
 void on_fw_matches()
 {
@@ -116,6 +121,8 @@ void toggle_log_window()
 void add_connections(QApplication* app)
 {
     MainWindow* window = mainWindow.data();
+    statusLine = new StatusLine(window->statusLabel(),
+                                [](const QString& id) { return settings.gui.text(id); });
 
     QObject::connect(window, &MainWindow::finished, [] {
         qInstallMessageHandler(nullptr);
@@ -123,19 +130,25 @@ void add_connections(QApplication* app)
     });
     QObject::connect(window, &MainWindow::finished, sm_B, &QStateMachine::stop);
     QObject::connect(window, &MainWindow::finished, stop_worker);
+    window->installEventFilter(new CloseWhenIdle(window));
     QObject::connect(sm_B, &QState::finished, app, &QCoreApplication::quit);
     QObject::connect(sm_B, &SM_B::sig_UpgradeImpossible, window, &MainWindow::disableDownload);
     QObject::connect(sm_B, &SM_B::sig_UpgradePossible, window, &MainWindow::enableDownload);
     QObject::connect(sm_B, &SM_B::sig_DeviceConnected, [] {
         const QString product = sm_B->device_info.OTP_info.product_name();
-        mainWindow->statusLabel()->setText(settings_text("status_devConn").arg(product));
+        statusLine->showUnit(settings_text("status_devConn").arg(product));
     });
     QObject::connect(sm_B, &SM_B::sig_DifferingRevision, show_revision_text);
     QObject::connect(sm_B, &SM_B::sig_UpgradeImpossible, window, [window] {
-        watch_no_unit_text(window->statusLabel());
+        statusLine->showNoUnit();
         window->progressBar()->setFormat(QStringLiteral("This text should not be visible!"));
         window->progressBar()->hide();
     });
+    // What the worker finds out of its own, beside the flow.
+    QObject::connect(sm_A, &SM_A::sig_NoAccess, statusLine, &StatusLine::setNoAccess);
+    QObject::connect(sm_A, &SM_A::sig_DeviceError, statusLine, &StatusLine::setReadFailed);
+    QObject::connect(sm_A, &SM_A::sig_NoDevConn, statusLine, &StatusLine::clearReadFailed);
+    QObject::connect(sm_A, &SM_A::sig_FwDownloaded, statusLine, &StatusLine::downloadEnded);
     QObject::connect(window->installButton(), &QAbstractButton::clicked, sm_B, &SM_B::do_download);
     QObject::connect(sm_B, &SM_B::sig_DoDownload, [] {
         mainWindow->progressBar()->startAutoProgress(QStringLiteral("Upgrading firmware"), 100.0);

@@ -2,5 +2,9 @@
 #pragma once
 
 class QApplication;
+class StatusLine;
+
+// The main window's status line; made by add_connections.
+extern StatusLine* statusLine;
 
 void add_connections(QApplication* app);

@@ -6,6 +6,8 @@
 
 #include "app/connections.h"
 #include "app/options.h"
+#include "app/statusline.h"
+#include "app/termination.h"
 #include "dfu/commands.h"
 #include "dfu/deviceinfo.h"
 #include "dfu/dfuutil.h"
@@ -46,10 +48,12 @@ void GUI_init()
             << "with 'DEBUG'"
             << "not defined";
 
-    // Failures here show later as a failing self-test or dfu-util run, so start-up goes on.
+    // Failures here show later as a failing self-test or dfu-util run, so start-up goes on; the
+    // status line names the folder and the reason.
+    QString problem_folder, problem_reason;
     Files::extract_resources({Files::desired_FW_dfu, Files::desired_FW_bin, Files::dfu_util,
                               Files::libusb},
-                             true);
+                             true, &problem_folder, &problem_reason);
     support_misc::mark_file_executable(DFU::dfu_util::full_path());
     DFU::dfu_util::execution_test();
 
@@ -69,14 +73,17 @@ void GUI_init()
     const QString dir = Files::external_dir.path() + QLatin1Char('/');
     sm_A = new SM_A(dir + Files::desired_FW_fileName_dfu, dir + Files::desired_FW_fileName_bin,
                     dir + Files::uploaded_FW_fileName_bin, nullptr);
-    sm_A->no_device_poll_ms = 500;
-    sm_A->connected_poll_ms = 1000;
+    sm_A->set_poll_pauses(500, 1000);
+    sm_A->watch_device_access(!simulator::use);
     sm_A->enable_debug_output();
 
     sm_B = new SM_B(sm_A, settings.desired_FW_type, settings.desired_FW_revision);
     sm_B->enable_debug_output();
 
     add_connections(qApp);
+    if (!problem_folder.isEmpty())
+        statusLine->setStartProblem(problem_folder, problem_reason);
+    close_on_termination_signals(mainWindow.data());
 
     QObject::connect(sm_B, &QStateMachine::started, [] {
         qInfo() << "Starting sm_A";

@@ -7,6 +7,7 @@
 #include <QMutexLocker>
 
 #include "dfu/scan.h"
+#include "dfu/usbaccess.h"
 
 SM_A* sm_A = nullptr;
 
@@ -55,6 +56,17 @@ SM_A::~SM_A()
     wait();
 }
 
+void SM_A::set_poll_pauses(qint32 no_device_ms, qint32 connected_ms)
+{
+    no_device_poll_ms = no_device_ms;
+    connected_poll_ms = connected_ms;
+}
+
+void SM_A::watch_device_access(bool on)
+{
+    access_watched = on;
+}
+
 SM_A::Command SM_A::get_command() const
 {
     QMutexLocker lock(&mutex);
@@ -100,6 +112,28 @@ void SM_A::enable_debug_output()
     add(&SM_A::sig_FwUploadedMatches, "FwUploadedMatches", false);
 }
 
+template <typename F> auto SM_A::transfer(F f)
+{
+    in_transfer.store(true);
+    const auto result = f();
+    in_transfer.store(false);
+    return result;
+}
+
+void SM_A::check_device_access()
+{
+    if (!access_watched)
+        return;
+    const QString node =
+        DFU::inaccessible_bootloader_node(QStringLiteral("/sys"), QStringLiteral("/dev"));
+    if (node == inaccessible_node)
+        return;
+    inaccessible_node = node;
+    if (!node.isEmpty())
+        qWarning() << "Cannot open DFU device" << node << "(no permission)";
+    emit sig_NoAccess(node);
+}
+
 void SM_A::run()
 {
     bool first_cycle = true; // the very first scan starts without a pause
@@ -128,6 +162,11 @@ void SM_A::run()
             emit sig_scanning();
             const DFU::ScanResult scan = DFU::make_scan();
             if (!is_single_unit(scan)) {
+                if (scan.devices.isEmpty()) {
+                    // Gone: a unit that failed while it was still enumerating starts afresh.
+                    failed_serial.clear();
+                    check_device_access();
+                }
                 position = Position::A0;
                 break;
             }
@@ -139,14 +178,29 @@ void SM_A::run()
             emit sig_readingInfo();
             emit sig_NoDevConn();
             current_serial = item.serial;
-            const DFU::CommandResult result = DFU::read_device_info(&item, &device_info);
+            // Every unit starts from a fresh record: nothing of the last one may carry over.
+            device_info = DFU::DeviceInfo();
+            const DFU::CommandResult result =
+                transfer([&] { return DFU::read_device_info(&item, &device_info); });
             if (result.exit_code == 0) {
-                emit sig_DevConn();
+                failed_serial.clear();
+                failed_reads = 0;
+                emit sig_DevConn(device_info);
                 position = Position::A4;
-            } else {
-                emit sig_DeviceError(result.output);
-                position = Position::A7;
+                break;
             }
+            failed_reads = item.serial == failed_serial ? failed_reads + 1 : 1;
+            failed_serial = item.serial;
+            if (failed_reads < read_attempts) {
+                // Start a new cycle: the unit is read again if the next scan still finds it.
+                qInfo() << "Reading the unit failed, attempt" << failed_reads << "of"
+                        << read_attempts;
+                position = Position::A0;
+                break;
+            }
+            failed_reads = 0;
+            emit sig_DeviceError(result.output);
+            position = Position::A7;
             break;
         }
         case Position::A7: {
@@ -162,6 +216,7 @@ void SM_A::run()
                     break;
                 }
             }
+            failed_serial.clear();
             position = Position::A0;
             break;
         }
@@ -171,6 +226,10 @@ void SM_A::run()
                 return;
             }
             msleep(connected_poll_ms);
+            // Checked again after the pause: a write must not start after a stop was asked for.
+            if (is_stopping()) {
+                return;
+            }
             Command taken = None;
             {
                 // Read and clear in one hold, so a command set meanwhile is never wiped unseen.
@@ -191,9 +250,10 @@ void SM_A::run()
         case Position::A5: {
             emit sig_A5_entered();
             emit sig_FwDownloading();
-            DFU::download_FW_to_device(desired_FW_bin);
+            const int exit_code =
+                transfer([this] { return DFU::download_FW_to_device(desired_FW_bin); });
             // Whatever the exit code: the verification that follows tells the truth.
-            emit sig_FwDownloaded();
+            emit sig_FwDownloaded(exit_code);
             // The unit leaves its bootloader; start afresh so it is read again when it is back.
             position = Position::A0;
             break;
@@ -201,7 +261,9 @@ void SM_A::run()
         case Position::A6: {
             emit sig_A6_entered();
             emit sig_FwUploading();
-            if (!DFU::upload_and_compare_FW_bin(desired_FW_bin, uploaded_FW_bin)) {
+            if (!transfer([this] {
+                    return DFU::upload_and_compare_FW_bin(desired_FW_bin, uploaded_FW_bin);
+                })) {
                 qDebug() << "Uploaded FW does not match";
                 emit sig_FwUploadedDiffers();
             } else {

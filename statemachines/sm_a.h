@@ -1,6 +1,8 @@
 // SM_A: the worker thread that scans for a unit, reads it, and downloads or verifies on command.
 #pragma once
 
+#include <atomic>
+
 #include <QMutex>
 #include <QObject>
 #include <QString>
@@ -22,34 +24,31 @@ public:
     };
     Q_ENUM(Command)
 
+    // A unit whose read-out fails is read this many times before it is reported as faulty: a
+    // unit that is still enumerating (after its restart, or before udev granted access) refuses
+    // the first opens.
+    static constexpr int read_attempts = 3;
+
     SM_A(QString desired_FW_dfu, QString desired_FW_bin, QString uploaded_FW_bin,
          QObject* parent = nullptr);
     ~SM_A() override;
 
-    // Written only by the worker: before sig_DevConn and again only after the next
-    // sig_NoDevConn, so the GUI thread may read it in between without a lock.
-    DFU::DeviceInfo device_info;
     const QString desired_FW_dfu;
     const QString desired_FW_bin;
     const QString uploaded_FW_bin;
-    QString current_serial;
 
-private:
-    Command command = None; // guarded by mutex
+    // Both only before start(): the pause before each new scanning cycle, and the pause between
+    // checks while a unit is connected or a faulty one is awaited to go.
+    void set_poll_pauses(qint32 no_device_ms, qint32 connected_ms);
+    // Only before start(): while no unit is found, look for a bootloader this user may not open
+    // and report it by sig_NoAccess. Off for the simulator, which has no device node.
+    void watch_device_access(bool on);
 
-public:
-    // Set before start(); read only by the worker afterwards.
-    qint32 no_device_poll_ms = 200;
-    qint32 connected_poll_ms = 200;
-
-private:
-    bool stop_requested = false; // guarded by mutex
-    mutable QMutex mutex;
-    QWaitCondition wait_condition;
-
-public:
     Command get_command() const;
     bool is_stopping() const;
+    // True while the worker reads from or writes to a unit: such a run is never cut short, so a
+    // stop waits for it.
+    bool transfer_running() const { return in_transfer.load(); }
     void enable_debug_output();
 
 public slots:
@@ -60,12 +59,14 @@ public slots:
 signals:
     // The declaration order is the signal index order; keep it.
     void sig_NoDevConn();
-    void sig_DevConn();
+    // The unit's record travels with the signal: the worker's own record changes with the next
+    // unit while the flow may still be deciding on this one.
+    void sig_DevConn(DFU::DeviceInfo info);
     void sig_scanning();
     void sig_readingInfo();
     void sig_DeviceError(QString message);
     void sig_FwDownloading();
-    void sig_FwDownloaded();
+    void sig_FwDownloaded(int exit_code);
     void sig_FwUploading();
     void sig_FwUploadedDiffers();
     void sig_FwUploadedMatches();
@@ -77,10 +78,34 @@ signals:
     void sig_A5_entered();
     void sig_A6_entered();
     void sig_A7_entered();
+    // The device node of an attached bootloader this user may not open, or empty once there is
+    // none; emitted when that changes.
+    void sig_NoAccess(QString node);
 
 protected:
     void run() override;
+
+private:
+    // Runs f with transfer_running() true.
+    template <typename F> auto transfer(F f);
+    void check_device_access();
+
+    // The worker's own: read and written on its thread only.
+    DFU::DeviceInfo device_info;
+    QString current_serial;
+    QString failed_serial; // the unit whose read-outs failed lately, and how often
+    int failed_reads = 0;
+    QString inaccessible_node;
+    qint32 no_device_poll_ms = 200;
+    qint32 connected_poll_ms = 200;
+    bool access_watched = false;
+
+    std::atomic<bool> in_transfer{false};
+    Command command = None;      // guarded by mutex
+    bool stop_requested = false; // guarded by mutex
+    mutable QMutex mutex;
+    QWaitCondition wait_condition;
 };
 
-// The one worker of the program, read by SM_B's guards; null until start-up creates it.
+// The one worker of the program; null until start-up creates it.
 extern SM_A* sm_A;

@@ -27,7 +27,11 @@ public:
         if (!worker)
             return;
         connect(worker, &SM_A::sig_NoDevConn, this, &WorkerSignalRelay::sig_NoDevConn);
-        connect(worker, &SM_A::sig_DevConn, this, &WorkerSignalRelay::sig_DevConn);
+        // The record comes with the signal; the guards decide on exactly this copy.
+        connect(worker, &SM_A::sig_DevConn, this, [this](const DFU::DeviceInfo& info) {
+            SM_B::announced = info;
+            emit sig_DevConn();
+        });
         connect(worker, &SM_A::sig_FwUploadedDiffers, this,
                 &WorkerSignalRelay::sig_FwUploadedDiffers);
         connect(worker, &SM_A::sig_FwUploadedMatches, this,
@@ -43,11 +47,12 @@ signals:
 
 Device::Type SM_B::desired_ID = Device::Invalid;
 QString SM_B::desired_revision;
+DFU::DeviceInfo SM_B::announced;
 
 namespace {
 
-// Guards read the program-wide worker; it is idle between sig_DevConn and the next
-// sig_NoDevConn, so its device_info is stable while they run.
+// Guards read SM_B::announced, the record that came with the worker's sig_DevConn being decided
+// on; the worker has moved on to its own next record by then.
 
 void print_type_check(const DFU::DeviceInfo& info)
 {
@@ -60,22 +65,21 @@ void print_type_check(const DFU::DeviceInfo& info)
 // A blank unit can be programmed even though nothing valid could be read from it.
 bool device_OTP_is_empty()
 {
-    return sm_A && sm_A->device_info.OTP_info.empty;
+    return SM_B::announced.OTP_info.empty;
 }
 
 bool device_has_wrong_type()
 {
-    if (!sm_A || !sm_A->device_info.valid)
+    const DFU::DeviceInfo& info = SM_B::announced;
+    if (!info.valid)
         return false;
-    print_type_check(sm_A->device_info);
-    return sm_A->device_info.type != SM_B::desired_ID;
+    print_type_check(info);
+    return info.type != SM_B::desired_ID;
 }
 
 bool device_has_other_revision()
 {
-    if (!sm_A)
-        return false;
-    const DFU::DeviceInfo& info = sm_A->device_info;
+    const DFU::DeviceInfo& info = SM_B::announced;
     print_type_check(info);
     return info.valid && info.type == SM_B::desired_ID &&
            info.FW_revision != SM_B::desired_revision;
@@ -83,9 +87,7 @@ bool device_has_other_revision()
 
 bool device_has_same_revision()
 {
-    if (!sm_A)
-        return false;
-    const DFU::DeviceInfo& info = sm_A->device_info;
+    const DFU::DeviceInfo& info = SM_B::announced;
     print_type_check(info);
     return info.valid && info.type == SM_B::desired_ID &&
            info.FW_revision == SM_B::desired_revision;
@@ -163,8 +165,7 @@ void SM_B::add_connections()
     // B1 is left only on sig_DevConn, and its exit runs before the target's entry, so the unit's
     // identity is known before any other announcement.
     connect(B1, &QState::exited, this, [this] {
-        if (sm_A)
-            device_info = sm_A->device_info;
+        device_info = announced;
         qInfo() << "Device connected with:\n" << device_info;
         emit sig_DeviceConnected();
     });

@@ -27,6 +27,8 @@ public:
     // Shared with the guards, which are plain functions: what the carried firmware is for.
     static Device::Type desired_ID;
     static QString desired_revision;
+    // The record handed over with the worker's last sig_DevConn: what the guards decide on.
+    static DFU::DeviceInfo announced;
 
 private:
     QState* B1;
@@ -39,7 +41,7 @@ private:
     QState* B9;
 
 public:
-    // The connected unit as read by the worker, copied when B1 is left; default while in B1.
+    // The connected unit, copied from `announced` when B1 is left; default while in B1.
     DFU::DeviceInfo device_info;
 
 private:

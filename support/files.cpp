@@ -3,6 +3,7 @@
 #include <QDebug>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 
 namespace Files {
 
@@ -22,21 +23,31 @@ QString temporary_dir_template()
 
 QTemporaryDir external_dir(temporary_dir_template());
 
-bool extract_resources(std::vector<ID> ids, bool strict)
+bool extract_resources(std::vector<ID> ids, bool strict, QString* problem_folder,
+                       QString* problem_reason)
 {
+    const auto report = [&](const QString& folder, const QString& reason) {
+        if (problem_folder && problem_folder->isEmpty()) {
+            *problem_folder = folder;
+            if (problem_reason)
+                *problem_reason = reason;
+        }
+    };
     if (!external_dir.isValid()) {
         qInfo() << "Failed to create temporary directory:" << external_dir.errorString();
+        report(QFileInfo(temporary_dir_template()).path(), external_dir.errorString());
         return false;
     }
     bool all_copied = true;
     for (const ID id : ids) {
         const QString name = basename[id];
+        QFile source(QStringLiteral(":resources/") + name);
         // QFile::copy never overwrites: a second extraction of the same file fails.
-        if (QFile::copy(QStringLiteral(":resources/") + name,
-                        external_dir.path() + QLatin1Char('/') + name)) {
+        if (source.copy(external_dir.path() + QLatin1Char('/') + name)) {
             qDebug() << "Extracted " << name;
         } else {
             qInfo() << "Failed to extract " << name;
+            report(external_dir.path(), source.errorString());
             all_copied = false;
         }
     }

@@ -51,7 +51,9 @@ inline QMap<ID, QString> basename = {
 extern QTemporaryDir external_dir;
 
 // Copies ":resources/<name>" of each identifier into external_dir. A failed copy is logged and
-// skipped; the result is false only when strict and a copy failed, or without a directory.
-bool extract_resources(std::vector<ID> ids, bool strict);
+// skipped; the result is false only when strict and a copy failed, or without a directory. The
+// first failure's folder and reason go to *problem_folder and *problem_reason when given.
+bool extract_resources(std::vector<ID> ids, bool strict, QString* problem_folder = nullptr,
+                       QString* problem_reason = nullptr);
 
 } // namespace Files

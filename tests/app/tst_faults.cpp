@@ -43,8 +43,8 @@ void tst_Faults::fault_data()
 {
     // "tool missing", "tool plain" (not executable), "tool WORD:shell commands" run instead of
     // the simulator for that command word; "tmpdir NAME" below the test's folder, "-" for one
-    // that is not there; "child FAULT" (make_fault_in_child). Steps as in tst_e2e: a text to
-    // see next or ">command".
+    // that is not there; "child FAULT" (make_fault_in_child); "-" for none. Steps as in
+    // programrun.h: a text to see next, ">command" or "kill SIGNAL".
     QTest::addColumn<QString>("fault");
     QTest::addColumn<QString>("steps");
     QTest::addColumn<int>("exit_code");
@@ -61,19 +61,29 @@ void tst_Faults::fault_data()
         << "tool download_FW:kill -SEGV $$"
         << "entered B2|>click|Exit with -1 from|entered B1|entered B2|>state|install=1 bar=hidden"
         << 0;
-    // Past the runner's 30 s the window still answers and Escape ends the worker.
-    QTest::newRow("tool hangs") << "tool upload_OTP:exec sleep 45"
+    // Past the runner's 30 s the window still answers. Escape and closing wait for the run, which
+    // is never killed: the window says so and closes itself once the tool has ended.
+    QTest::newRow("tool hangs") << "tool upload_OTP:exec sleep 34"
                                 << "did not finish in time|will wait again|>state|"
-                                   ">key Escape|Oops, SM_A not dead yet|>state"
+                                   ">key Escape|Oops, SM_A not dead yet|"
+                                   "Status line: Finishing the running transfer|>close|"
+                                   "Closing waits for the running transfer|>state|visible=1|"
+                                   "The transfer has ended; closing"
                                 << 0;
     QTest::newRow("tool missing") << "tool missing" << no_unit << 0;
     QTest::newRow("tool not executable") << "tool plain" << no_unit << 0;
     QTest::newRow("temporary folder cannot be made")
         << "tmpdir -"
-        << "Failed to create temporary directory|>state|install=0" << 0;
+        << "Failed to create temporary directory|Status line: Cannot prepare the tool's files in|"
+           ">state|install=0" << 0;
     QTest::newRow("temporary folder full")
         << "child disk full"
-        << "Failed to extract  \"firmware.dfu\"|>state|install=0" << 0;
+        << "Failed to extract  \"firmware.dfu\"|Status line: Cannot prepare the tool's files in|"
+           ">state|install=0" << 0;
+    // A logout, kill or Ctrl+C closes the window as the user would: a clean end.
+    QTest::newRow("SIGTERM") << "-" << "entered B2|kill TERM|Received signal 15" << 0;
+    QTest::newRow("SIGINT") << "-" << "entered B2|kill INT|Received signal 2" << 0;
+    QTest::newRow("SIGHUP") << "-" << "entered B2|kill HUP|Received signal 1" << 0;
     QTest::newRow("TMPDIR with blanks and quotes")
         << "tmpdir a b'c\"d"
         << "entered B2|>click|entered B6|>state|bar=\"Done. Disconnect USB cable.\"" << 0;
@@ -135,7 +145,8 @@ void tst_Faults::fault()
     // The extracted files' folder is private while the program runs and gone after a clean end.
     const QFileInfoList made = QDir(temp).entryInfoList({"upgrade_*"}, QDir::AllEntries);
     QVERIFY(made.size() <= 1 && (made.isEmpty() || (made[0].permissions().toInt() & 0x0077) == 0));
-    if (exit_code == 0)
+    if (exit_code == 0 && !steps.contains(QLatin1String("kill ")) &&
+        !steps.contains(QLatin1String(">close")))
         QVERIFY(program.send(QStringLiteral("close")) >= 0);
     QCOMPARE(program.finish(), exit_code);
     QVERIFY(!program.output().contains(QLatin1String("Done.")) || steps.contains("Done."));

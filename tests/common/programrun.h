@@ -3,6 +3,7 @@
 // PROGRAMRUN_TEST_MAIN instead of QTEST_MAIN and starts itself as the program with ProgramRun.
 #pragma once
 
+#include <csignal>
 #include <limits>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include <QKeySequence>
 #include <QLabel>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QSocketNotifier>
 #include <QTest>
 
@@ -132,13 +134,20 @@ public:
     }
 
     // One step of a test's script: ">command" for the window, answered within max_send_ms;
-    // "!text" that must not appear within absent_ms; otherwise a text that must come next within
-    // wait_ms. Returns what went wrong, or an empty text.
+    // "!text" that must not appear within absent_ms; "kill TERM" (INT, HUP) sends the program that
+    // signal; otherwise a text that must come next within wait_ms. Returns what went wrong, or an
+    // empty text.
     QString step(const QString& step, int wait_ms = 30000, int absent_ms = 2000,
                  int max_send_ms = std::numeric_limits<int>::max())
     {
         bool ok = true;
-        if (step.startsWith(QLatin1Char('>'))) {
+        if (step.startsWith(QLatin1String("kill "))) {
+            const QString name = step.mid(5);
+            const int number = name == QLatin1String("TERM") ? SIGTERM
+                               : name == QLatin1String("INT") ? SIGINT
+                                                              : SIGHUP;
+            ok = ::kill(pid_t(process_.processId()), number) == 0;
+        } else if (step.startsWith(QLatin1Char('>'))) {
             const int took = send(step.mid(1));
             ok = took >= 0 && took < max_send_ms;
         } else if (step.startsWith(QLatin1Char('!'))) {
@@ -160,6 +169,13 @@ public:
 
     // Everything the program wrote so far, standard output and error interleaved.
     const QString& output() const { return output_; }
+
+    // The folder the program extracted its tool into, as its first run of the tool shows it.
+    QString extracted_folder() const
+    {
+        static const QRegularExpression tool(QStringLiteral("\"([^\"]*)/dfu-util\""));
+        return tool.match(output_).captured(1);
+    }
 
 private:
     qsizetype find(const QString& text, qsizetype from, int timeout_ms)
