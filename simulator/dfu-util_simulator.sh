@@ -5,7 +5,17 @@ set -uo pipefail
 sim_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 configs_dir="$sim_dir/configs"
 images_dir="$sim_dir/images"
-state_dir="${LUMAXIS_SIMULATOR_STATE:-$sim_dir/state}"
+# The unit's state is the user's: the script's own folder may be a system one. Whoever runs the
+# script, by hand or through the program, gets the same folder from the same environment.
+if [[ -n ${LUMAXIS_SIMULATOR_STATE:-} ]]; then
+    state_dir=$LUMAXIS_SIMULATOR_STATE
+elif [[ ${XDG_RUNTIME_DIR:-} == /* && -d $XDG_RUNTIME_DIR && -w $XDG_RUNTIME_DIR ]]; then
+    state_dir=$XDG_RUNTIME_DIR/lumaxis-upgrade/simulator-state
+elif [[ ${XDG_CACHE_HOME:-} == /* ]]; then
+    state_dir=$XDG_CACHE_HOME/lumaxis-upgrade/simulator-state
+else
+    state_dir=${HOME:-}/.cache/lumaxis-upgrade/simulator-state
+fi
 
 # dfu-util's exit codes (sysexits.h).
 readonly EX_USAGE=64 EX_NOINPUT=66 EX_SOFTWARE=70 EX_CANTCREAT=73 EX_IOERR=74
@@ -407,7 +417,8 @@ do_download() {
 # Usage: dfu-util_simulator.sh --dfu-util-command WORD [--fast-progress] [dfu-util options]
 #   WORD: version, list, upload_OTP, upload_FW, download_FW, setup_prepared_config NAME,
 #         unplug, plug [SERIAL] (the last two pull or attach the simulated cable).
-# The unit lives in a state folder ($LUMAXIS_SIMULATOR_STATE, default state/ beside this script):
+# The unit lives in a state folder ($LUMAXIS_SIMULATOR_STATE, by default
+# lumaxis-upgrade/simulator-state in $XDG_RUNTIME_DIR, or in the cache folder ~/.cache without one):
 # its scenario settings, its flash and OTP contents, and whether it is attached. Prepared
 # scenarios are in configs/, the images they name in images/. "--fast-progress" or
 # LUMAXIS_SIMULATOR_FAST=1 makes every command near-instant; LUMAXIS_SIMULATOR_ABSENT_MS sets how

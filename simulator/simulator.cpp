@@ -2,8 +2,12 @@
 
 #include <utility>
 
+#include <QCoreApplication>
 #include <QDebug>
+#include <QDir>
+#include <QFileInfo>
 #include <QList>
+#include <QStringList>
 
 #include "dfu/commands.h"
 
@@ -17,12 +21,31 @@ bool use = false;
 
 namespace {
 
+// The first of the folders the program may sit beside that holds the script: an installed
+// prefix's data folder (bin/../share/...), the build tree's (app/../simulator), or, for a test
+// program, the build tree's from one folder deeper. Found once, on first use.
+QString simulator_beside_program()
+{
+    static const QString found = [] {
+        const QDir program(QCoreApplication::applicationDirPath());
+        const QStringList candidates{QStringLiteral(LUMAXIS_SIMULATOR_FROM_INSTALLED),
+                                     QStringLiteral(LUMAXIS_SIMULATOR_FROM_APP),
+                                     QStringLiteral(LUMAXIS_SIMULATOR_FROM_TEST)};
+        for (const QString& candidate : candidates) {
+            const QString folder = QDir::cleanPath(program.filePath(candidate));
+            if (QFileInfo::exists(folder + QStringLiteral("/dfu-util_simulator.sh")))
+                return folder;
+        }
+        qWarning() << "No simulator beside the program in" << program.path();
+        return QDir::cleanPath(program.filePath(candidates.first()));
+    }();
+    return found;
+}
+
 QString simulator_directory()
 {
-    // Fixed when the build is configured; built once, on first use.
-    static const QString built_in = QStringLiteral(LUMAXIS_SIMULATOR_BUILD_DIR);
     const QString from_environment = qEnvironmentVariable("LUMAXIS_SIMULATOR_DIR");
-    return from_environment.isEmpty() ? built_in : from_environment;
+    return from_environment.isEmpty() ? simulator_beside_program() : from_environment;
 }
 
 void rewrite_entry(DFU::CmdID id, const QString& word, bool fast)

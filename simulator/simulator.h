@@ -18,8 +18,9 @@ enum Setup : unsigned {
 // fixed arguments. Prefixes again when called twice, so call it once, before any command runs.
 void setup_for_simulated_dfu_util(Setup setup);
 
-// The simulator directory, "/" and name. The directory is the build tree's simulator folder
-// unless the environment variable LUMAXIS_SIMULATOR_DIR names another.
+// The simulator directory, "/" and name. The directory is the one the environment variable
+// LUMAXIS_SIMULATOR_DIR names, else the simulator folder found from the program's own folder:
+// share/lumaxis-upgrade/simulator of an installed prefix, or the build tree's simulator folder.
 QString dfu_util_path(QString name);
 
 // Asks the script to reset its state to the prepared scenario config; returns its exit code.

@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # Builds the Debian package, checks what it holds, installs it with dpkg into an empty root folder
-# and starts the installed program offscreen in simulator mode until it has read the unit.
-# Usage: check_package.sh BUILD_DIR
+# and runs the installed program offscreen through a whole upgrade of the installed simulator.
+# Usage: check_package.sh BUILD_DIR CLICK_HELPER (click_install.cpp, built as a shared module)
 set -euo pipefail
 
 build_dir=$1
+click_helper=$2
 work=$(mktemp -d "${TMPDIR:-/tmp}/lumaxis-package.XXXXXX")
 pid=""
 cleanup() {
@@ -30,8 +31,10 @@ deb=${debs[0]}
 
 dpkg-deb -c "$deb" | awk '{ sub(/^\./, "", $6); print $6 }' >"$work/contents"
 doc=/usr/share/doc/lumaxis-upgrade
+sim=/usr/share/lumaxis-upgrade/simulator
 expected=(
     /usr/bin/lumaxis-upgrade
+    $sim/dfu-util_simulator.sh $sim/configs/default.conf $sim/images/firmware.bin
     /lib/udev/rules.d/70-lumaxis-upgrade.rules
     /usr/share/applications/lumaxis-upgrade.desktop
     /usr/share/metainfo/com.lumaxis.UpgradeTool.metainfo.xml
@@ -73,24 +76,44 @@ fi
 desktop-file-validate "$root/usr/share/applications/lumaxis-upgrade.desktop" ||
     fail "the installed desktop entry does not validate"
 
+# The installed program must find the installed simulator, and the state folder must be the
+# user's, chosen alike by the script run by hand and by the program: the runtime folder here.
 program=$root/usr/bin/lumaxis-upgrade
-mkdir "$work/tmp"
-QT_QPA_PLATFORM=offscreen TMPDIR=$work/tmp LUMAXIS_SIMULATOR_FAST=1 \
-    LUMAXIS_SIMULATOR_STATE=$work/state "$program" -s >"$work/stdout" 2>"$work/stderr" &
+runtime=$work/runtime
+state=$runtime/lumaxis-upgrade/simulator-state
+mkdir -m 700 "$work/tmp" "$runtime"
+user_env=(env -u LUMAXIS_SIMULATOR_DIR -u LUMAXIS_SIMULATOR_STATE QT_QPA_PLATFORM=offscreen
+    TMPDIR="$work/tmp" XDG_RUNTIME_DIR="$runtime" HOME="$work" LUMAXIS_SIMULATOR_FAST=1)
+"${user_env[@]}" "$root$sim/dfu-util_simulator.sh" --dfu-util-command setup_prepared_config \
+    default >"$work/setup.log" 2>&1 || { cat "$work/setup.log" >&2; fail "the installed script failed"; }
+[[ $(cat "$state/scenario") == default ]] || fail "the script did not set up $state"
+
+# The helper clicks Install when offered and closes the window at "Done".
+"${user_env[@]}" LD_PRELOAD="$click_helper" "$program" -s -l >"$work/stdout" 2>"$work/stderr" &
 pid=$!
-for _ in $(seq 300); do
-    grep -q "Device connected with" "$work/stderr" && break
-    if ! kill -0 "$pid" 2>/dev/null; then
-        cat "$work/stderr" >&2
-        fail "the installed program ended during start-up"
-    fi
+show_log_and_fail() {
+    cat "$work/stderr" >&2
+    fail "$@"
+}
+for _ in $(seq 600); do
+    kill -0 "$pid" 2>/dev/null || break
     sleep 0.1
 done
-grep -q "Device connected with" "$work/stderr" || {
-    cat "$work/stderr" >&2
-    fail "the installed program did not read the simulated unit within 30 s"
-}
-kill -TERM "$pid"
-wait "$pid" || true
+kill -0 "$pid" 2>/dev/null && show_log_and_fail "the installed program did not end within 60 s"
+wait "$pid" && status=0 || status=$?
 pid=""
-echo "Package $(basename "$deb"): $(wc -l <"$work/contents") entries, installed and started"
+((status == 0)) || show_log_and_fail "the installed program ended with status $status"
+grep -qF "\"$root$sim/dfu-util_simulator.sh\"" "$work/stderr" ||
+    show_log_and_fail "the installed program did not run the installed simulator"
+grep -q "^click_install: clicked Install" "$work/stderr" || show_log_and_fail "no Install offered"
+grep -q '^click_install: bar "Done' "$work/stderr" || show_log_and_fail "the upgrade did not reach Done"
+grep -Eq '^Info: Will use simulator.* \(/\S+\.cpp:[1-9][0-9]*, .+\)$' "$work/stderr" ||
+    show_log_and_fail "the installed program's log lines do not say where they come from"
+image=$root$sim/images/firmware.bin
+cmp -s -n "$(stat -c %s "$image")" "$image" "$state/flash.bin" ||
+    fail "the simulated unit in $state does not hold the installed image"
+[[ -z $(ls -A "$work/tmp") ]] || fail "the program left $(ls -A "$work/tmp") in its temporary folder"
+(cd "$root" && find ".$sim" -type f | cut -c2- | sort) >"$work/simulator-files"
+grep "^$sim/.*[^/]$" "$work/contents" | sort | diff - "$work/simulator-files" >&2 ||
+    fail "files appeared beside the installed simulator"
+echo "Package $(basename "$deb"): $(wc -l <"$work/contents") entries, installed, upgraded to Done"

@@ -150,6 +150,40 @@ private slots:
         QVERIFY(away.err.contains("No DFU capable USB device available"));
         QTRY_COMPARE_WITH_TIMEOUT(DFU::make_scan().devices.size(), 1, 10000);
     }
+
+    void default_state_folder_data()
+    {
+        QTest::addColumn<QString>("runtime"); // XDG_RUNTIME_DIR in the user's folder; "": unset
+        QTest::addColumn<QString>("state");
+        const QString cache = QStringLiteral("home/.cache/lumaxis-upgrade/simulator-state");
+        QTest::newRow("runtime folder") << "run"
+                                        << "run/lumaxis-upgrade/simulator-state";
+        QTest::newRow("no runtime folder: the cache") << "" << cache;
+        QTest::newRow("runtime folder missing: the cache") << "gone" << cache;
+    }
+
+    // The script run by hand and the program, given the same environment, use the same folder:
+    // the user's own, as the script's folder may be a system one.
+    void default_state_folder()
+    {
+        QFETCH(QString, runtime);
+        QFETCH(QString, state);
+        QTemporaryDir user;
+        QVERIFY(QDir(user.path()).mkdir(QStringLiteral("run")));
+        qunsetenv("LUMAXIS_SIMULATOR_STATE");
+        qunsetenv("XDG_CACHE_HOME");
+        qputenv("HOME", user.filePath(QStringLiteral("home")).toLocal8Bit());
+        if (runtime.isEmpty())
+            qunsetenv("XDG_RUNTIME_DIR");
+        else
+            qputenv("XDG_RUNTIME_DIR", user.filePath(runtime).toLocal8Bit());
+        QCOMPARE(
+            QProcess::execute(simulator::dfu_util_path(QStringLiteral("dfu-util_simulator.sh")),
+                              {"--dfu-util-command", "setup_prepared_config", "no_unit"}),
+            0);
+        QCOMPARE(file_bytes(user.filePath(state + QStringLiteral("/scenario"))), "no_unit\n");
+        QVERIFY(DFU::make_scan().devices.empty());
+    }
 };
 
 QTEST_GUILESS_MAIN(TestSimulatorScript)
