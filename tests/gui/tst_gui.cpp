@@ -34,7 +34,8 @@ QLabel* label_with(QWidget* window, const QString& part)
 
 // While it lives, a save into folder fails as a row asks: limit -1 makes the folder read-only,
 // for root too (its CAP_DAC_OVERRIDE, which writes anywhere, is dropped from this thread), and a
-// limit above 0 caps the size of written files, so a longer write breaks off.
+// limit above 0 caps the size of written files, so a longer write breaks off (process-wide: a test
+// log written to a file loses the lines of that moment).
 class SaveHindrance final
 {
 public:
