@@ -123,46 +123,58 @@ private:
     vu_conf m_conf{};
 };
 
+// An option that takes one of a few words, stored as given under key.
+struct WordOption
+{
+    const char* option;
+    const char* key;
+    QStringList words;
+};
+
+// An option that takes a non-negative number, stored under key.
+struct NumberOption
+{
+    const char* option;
+    const char* key;
+};
+
+Error applyOptions(const QCommandLineParser& args, const QList<WordOption>& wordOptions,
+                   const QList<NumberOption>& numberOptions, vu_conf* conf)
+{
+    for (const WordOption& entry : wordOptions) {
+        const QString option = QLatin1String(entry.option);
+        if (!args.isSet(option))
+            continue;
+        const QString word = args.value(option);
+        if (!entry.words.contains(word))
+            return QStringLiteral("--%1 takes %2 or %3, not \"%4\"")
+                .arg(option, entry.words.mid(0, entry.words.size() - 1).join(QStringLiteral(", ")),
+                     entry.words.last(), word);
+        vu_conf_set(conf, entry.key, word.toLatin1().constData());
+    }
+    for (const NumberOption& entry : numberOptions) {
+        const QString option = QLatin1String(entry.option);
+        if (!args.isSet(option))
+            continue;
+        long long value = 0;
+        if (Error e = parseNumber(args.value(option), "--" + option, &value); !e.isEmpty())
+            return e;
+        vu_conf_set_int(conf, entry.key, value);
+    }
+    return {};
+}
+
 // Options that a unit's config carries and that both create and inject accept.
 Error applySettings(const QCommandLineParser& args, vu_conf* conf)
 {
-    if (args.isSet(QStringLiteral("timing"))) {
-        const QString timing = args.value(QStringLiteral("timing"));
-        if (timing != QLatin1String("real") && timing != QLatin1String("fast"))
-            return QStringLiteral("--timing takes real or fast, not \"%1\"").arg(timing);
-        vu_conf_set(conf, "timing", timing.toLatin1().constData());
-    }
-    if (args.isSet(QStringLiteral("poll-ms"))) {
-        long long ms = 0;
-        if (Error e = parseNumber(args.value(QStringLiteral("poll-ms")), "--poll-ms", &ms);
-            !e.isEmpty())
-            return e;
-        vu_conf_set_int(conf, "poll_ms", ms);
-    }
-    if (args.isSet(QStringLiteral("absent-ms"))) {
-        long long ms = 0;
-        if (Error e = parseNumber(args.value(QStringLiteral("absent-ms")), "--absent-ms", &ms);
-            !e.isEmpty())
-            return e;
-        vu_conf_set_int(conf, "absent_ms", ms);
-    }
-    if (args.isSet(QStringLiteral("reenumerate-ms"))) {
-        long long ms = 0;
-        if (Error e =
-                parseNumber(args.value(QStringLiteral("reenumerate-ms")), "--reenumerate-ms", &ms);
-            !e.isEmpty())
-            return e;
-        vu_conf_set_int(conf, "reenumerate_ms", ms);
-    }
-    if (args.isSet(QStringLiteral("leave-mode"))) {
-        const QString mode = args.value(QStringLiteral("leave-mode"));
-        if (mode != QLatin1String("dfu") && mode != QLatin1String("app") &&
-            mode != QLatin1String("reenumerate"))
-            return QStringLiteral("--leave-mode takes dfu, app or reenumerate, not \"%1\"")
-                .arg(mode);
-        vu_conf_set(conf, "leave_mode", mode.toLatin1().constData());
-    }
-    return {};
+    return applyOptions(
+        args,
+        {{"timing", "timing", {QStringLiteral("real"), QStringLiteral("fast")}},
+         {"leave-mode",
+          "leave_mode",
+          {QStringLiteral("dfu"), QStringLiteral("app"), QStringLiteral("reenumerate")}}},
+        {{"poll-ms", "poll_ms"}, {"absent-ms", "absent_ms"}, {"reenumerate-ms", "reenumerate_ms"}},
+        conf);
 }
 
 Error checkSerial(const QString& serial)
@@ -313,43 +325,29 @@ Error inject(const QCommandLineParser& args, const QString& dir)
     if (Error e = unit.unitError(); !e.isEmpty())
         return e;
     vu_conf* conf = unit.conf();
-    const struct
-    {
-        const char* option;
-        const char* key;
-    } numbers[] = {{"fail-after", "fail_after"},   {"stall-after", "stall_after"},
-                   {"stall-ms", "stall_ms"},       {"unplug-after", "unplug_after"},
-                   {"short-after", "short_after"}, {"flip-byte", "flip_address"},
-                   {"claim-fails", "claim_fails"}};
-    for (const auto& entry : numbers) {
-        const QString option = QLatin1String(entry.option);
-        if (!args.isSet(option))
-            continue;
-        long long value = 0;
-        if (Error e = parseNumber(args.value(option), "--" + option, &value); !e.isEmpty())
-            return e;
-        vu_conf_set_int(conf, entry.key, value);
-    }
-    if (args.isSet(QStringLiteral("direction"))) {
-        const QString direction = args.value(QStringLiteral("direction"));
-        if (direction != QLatin1String("upload") && direction != QLatin1String("download") &&
-            direction != QLatin1String("any"))
-            return QStringLiteral("--direction takes upload, download or any, not \"%1\"")
-                .arg(direction);
-        vu_conf_set(conf, "fault_direction", direction.toLatin1().constData());
-    }
+    if (Error e = applyOptions(
+            args,
+            {{"direction",
+              "fault_direction",
+              {QStringLiteral("upload"), QStringLiteral("download"), QStringLiteral("any")}},
+             {"upload-stride",
+              "upload_stride",
+              {QStringLiteral("requested"), QStringLiteral("transfer")}}},
+            {{"fail-after", "fail_after"},
+             {"stall-after", "stall_after"},
+             {"stall-ms", "stall_ms"},
+             {"unplug-after", "unplug_after"},
+             {"short-after", "short_after"},
+             {"flip-byte", "flip_address"},
+             {"claim-fails", "claim_fails"}},
+            conf);
+        !e.isEmpty())
+        return e;
     if (args.isSet(QStringLiteral("second-unit"))) {
         const QString serial = args.value(QStringLiteral("second-unit"));
         if (Error e = checkSerial(serial); !e.isEmpty())
             return e;
         vu_conf_set(conf, "second_serial", serial.toLatin1().constData());
-    }
-    if (args.isSet(QStringLiteral("upload-stride"))) {
-        const QString stride = args.value(QStringLiteral("upload-stride"));
-        if (stride != QLatin1String("requested") && stride != QLatin1String("transfer"))
-            return QStringLiteral("--upload-stride takes requested or transfer, not \"%1\"")
-                .arg(stride);
-        vu_conf_set(conf, "upload_stride", stride.toLatin1().constData());
     }
     const struct
     {
@@ -358,12 +356,11 @@ Error inject(const QCommandLineParser& args, const QString& dir)
     } flags[] = {{"leave-status-fails", "leave_status_fails"},
                  {"first-status-error", "first_status_error"},
                  {"read-protected", "read_protected"},
-                 {"foreign-device", "foreign_device"}};
+                 {"foreign-device", "foreign_device"},
+                 {"once", "faults_once"}};
     for (const auto& entry : flags)
         if (args.isSet(QLatin1String(entry.option)))
             vu_conf_set_int(conf, entry.key, 1);
-    if (args.isSet(QStringLiteral("once")))
-        vu_conf_set_int(conf, "faults_once", 1);
     if (Error e = applySettings(args, conf); !e.isEmpty())
         return e;
     return unit.save();
