@@ -259,6 +259,11 @@ private slots:
             {"create --timing fast", "inject --fail-after 100000"},
             unitOnly + "-a 0 -s 0x08000000:leave -D %firmware", 74,
             "returned -1 (LIBUSB_ERROR_IO)|dfu-util: Error during download", 48 * 2048);
+        // Erase faults count erase commands: the first two sectors are blank, nothing is written.
+        row("download fails at the third erase",
+            {"create --timing fast", "inject --fail-after 2 --direction erase"},
+            unitOnly + "-a 0 -s 0x08000000:leave -D %firmware", 74,
+            "Error during special command \"ERASE_PAGE\" download", 0);
         // A failed run leaves the unit in dfuUPLOAD-IDLE, as a real one stays; dfu-util's next
         // run must find it so and abort it before it can read.
         row("unit state outlives a failed run",

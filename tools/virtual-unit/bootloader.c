@@ -458,21 +458,30 @@ static int crosses(const struct vu_bootloader* unit, const char* key, long long 
     return limit >= 0 && before + length > limit;
 }
 
-static int direction_matches(const struct vu_bootloader* unit, int download)
+/* What a fault counts: data bytes read or written, or erase commands. */
+enum fault_stage { STAGE_UPLOAD, STAGE_DOWNLOAD, STAGE_ERASE };
+
+static int direction_matches(const struct vu_bootloader* unit, enum fault_stage stage)
 {
     const char* direction = vu_conf_get(&unit->conf, "fault_direction", "any");
     if (strcmp(direction, "upload") == 0)
-        return !download;
+        return stage == STAGE_UPLOAD;
     if (strcmp(direction, "download") == 0)
-        return download;
-    return 1;
+        return stage == STAGE_DOWNLOAD;
+    if (strcmp(direction, "erase") == 0)
+        return stage == STAGE_ERASE;
+    return stage != STAGE_ERASE;
 }
 
-/* Faults on a data stage; returns 0 to go on or the libusb error the transfer ends with. */
-static int data_fault(struct vu_bootloader* unit, int download, int length, unsigned timeout_ms)
+/* Faults on a data stage, or on an erase command (which counts as one); returns 0 to go on or
+ * the libusb error the request ends with. */
+static int data_fault(struct vu_bootloader* unit, enum fault_stage stage, int length,
+                      unsigned timeout_ms)
 {
-    long long before = download ? unit->bytes_down : unit->bytes_up;
-    if (!direction_matches(unit, download))
+    long long before = stage == STAGE_UPLOAD     ? unit->bytes_up
+                       : stage == STAGE_DOWNLOAD ? unit->bytes_down
+                                                 : unit->erases;
+    if (!direction_matches(unit, stage))
         return 0;
     if (crosses(unit, "unplug_after", before, length)) {
         fault_fired(unit, "unplug_after");
@@ -505,7 +514,8 @@ static int refuse(struct vu_bootloader* unit, uint8_t status)
     return LIBUSB_ERROR_PIPE;
 }
 
-static int dnload_command(struct vu_bootloader* unit, const uint8_t* data, uint16_t length)
+static int dnload_command(struct vu_bootloader* unit, const uint8_t* data, uint16_t length,
+                          unsigned timeout_ms)
 {
     uint32_t address = 0;
     if (length == 5)
@@ -523,6 +533,14 @@ static int dnload_command(struct vu_bootloader* unit, const uint8_t* data, uint1
         unit->pending = VU_CMD_READ_UNPROTECT;
     else
         return refuse(unit, VU_errSTALLEDPKT);
+    if (unit->pending == VU_CMD_ERASE || unit->pending == VU_CMD_MASS_ERASE) {
+        int fault = data_fault(unit, STAGE_ERASE, 1, timeout_ms);
+        if (fault) {
+            unit->pending = VU_CMD_NONE;
+            return fault;
+        }
+        ++unit->erases;
+    }
     unit->pending_address = address;
     unit->state = VU_dfuDNLOAD_SYNC;
     vu_trace("command %02x %08x", data[0], address);
@@ -543,10 +561,10 @@ static int dnload(struct vu_bootloader* unit, uint16_t block, uint8_t* data, uin
     if (!data)
         return LIBUSB_ERROR_INVALID_PARAM;
     if (block == 0)
-        return dnload_command(unit, data, length);
+        return dnload_command(unit, data, length, timeout_ms);
     if (block == 1 || length > VU_TRANSFER_SIZE)
         return refuse(unit, VU_errSTALLEDPKT);
-    int fault = data_fault(unit, 1, length, timeout_ms);
+    int fault = data_fault(unit, STAGE_DOWNLOAD, length, timeout_ms);
     if (fault)
         return fault;
     wire_delay(unit, length);
@@ -584,7 +602,7 @@ static int upload(struct vu_bootloader* unit, uint16_t block, uint8_t* data, uin
         unit->pointer + (uint32_t)(block - 2) * (by_request ? length : VU_TRANSFER_SIZE);
     if (locked_away(unit, address))
         return refuse(unit, VU_errVENDOR);
-    int fault = data_fault(unit, 0, length, timeout_ms);
+    int fault = data_fault(unit, STAGE_UPLOAD, length, timeout_ms);
     if (fault)
         return fault;
     const uint16_t asked = length;

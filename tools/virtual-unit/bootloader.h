@@ -77,6 +77,8 @@ struct vu_bootloader
     /* Data bytes moved in this run, for faults that fire after N bytes. */
     long long bytes_down;
     long long bytes_up;
+    /* Erase commands in this run, for faults armed with --direction erase. */
+    long long erases;
     /* Set once the unit has left DFU mode or was pulled: every later request fails. */
     int gone;
     /* Just re-enumerated: every string descriptor request fails. */

@@ -329,7 +329,8 @@ Error inject(const QCommandLineParser& args, const QString& dir)
             args,
             {{"direction",
               "fault_direction",
-              {QStringLiteral("upload"), QStringLiteral("download"), QStringLiteral("any")}},
+              {QStringLiteral("upload"), QStringLiteral("download"), QStringLiteral("erase"),
+               QStringLiteral("any")}},
              {"upload-stride",
               "upload_stride",
               {QStringLiteral("requested"), QStringLiteral("transfer")}}},
@@ -525,9 +526,9 @@ int main(int argc, char* argv[])
          QStringLiteral("inject: how long a hang lasts (default: the request's time-out)."),
          QStringLiteral("ms")},
         {QStringLiteral("direction"),
-         QStringLiteral("inject: what --fail-after, --stall-after and --unplug-after count "
-                        "(default any)."),
-         QStringLiteral("upload|download|any")},
+         QStringLiteral("inject: what --fail-after, --stall-after and --unplug-after count: "
+                        "bytes read, written or both (any, the default), or erase commands."),
+         QStringLiteral("upload|download|erase|any")},
         {QStringLiteral("unplug-after"),
          QStringLiteral("inject: the unit is pulled once a transfer crosses this many bytes."),
          QStringLiteral("bytes")},
