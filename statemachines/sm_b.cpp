@@ -4,45 +4,76 @@
 #include <utility>
 
 #include <QDebug>
+#include <QHash>
+#include <QMetaMethod>
 
 #include "statemachines/guardedtransition.h"
 #include "statemachines/sm_a.h"
 #include "support/buildinfo.h"
 
-// The worker emits from its own thread, so its signals reach the GUI thread queued. QStateMachine
-// connects a state's signal transitions only when that state is first entered, and it ignores
-// that a QThread object's signals come from another thread: a worker signal emitted before its
-// state had ever been entered was lost (a unit pulled right after its first read-out left the
-// flow offering an install for a missing unit). The relay is connected to the worker for the
-// machine's whole life and re-emits in the GUI thread, so the machine sees every worker signal
-// exactly as if it had been emitted directly, in the state current at delivery.
+// One worker signal, re-emitted in the GUI thread.
+class RelayedSignal final : public QObject
+{
+    Q_OBJECT
+    Q_DISABLE_COPY_MOVE(RelayedSignal)
+
+public:
+    using QObject::QObject;
+
+signals:
+    void relayed();
+};
+
+// A QState connects its signal transitions only when the state is first entered, and
+// QStateMachine ignores that a QThread object's signals come from another thread: a worker signal
+// emitted before its state had ever been entered was lost (a unit pulled right after its first
+// read-out left the flow offering an install for a missing unit). The relay is connected to the
+// worker for the machine's whole life and re-emits in the GUI thread, so the machine sees every
+// worker signal as if it had been emitted directly, in the state current at delivery.
+// Transitions reach a worker signal only through carry(), which connects it on first use: a
+// transition cannot wait on a worker signal the relay does not carry.
 class WorkerSignalRelay final : public QObject
 {
     Q_OBJECT
     Q_DISABLE_COPY_MOVE(WorkerSignalRelay)
 
 public:
-    WorkerSignalRelay(SM_A* worker, QObject* parent) : QObject(parent)
+    WorkerSignalRelay(SM_A* worker, QObject* parent) : QObject(parent), worker(worker) {}
+
+    const RelayedSignal* carry(void (SM_A::*signal)())
     {
-        if (!worker)
-            return;
-        connect(worker, &SM_A::sig_NoDevConn, this, &WorkerSignalRelay::sig_NoDevConn);
-        // The record comes with the signal; the guards decide on exactly this copy.
-        connect(worker, &SM_A::sig_DevConn, this, [this](const DFU::DeviceInfo& info) {
-            SM_B::announced = info;
-            emit sig_DevConn();
-        });
-        connect(worker, &SM_A::sig_FwUploadedDiffers, this,
-                &WorkerSignalRelay::sig_FwUploadedDiffers);
-        connect(worker, &SM_A::sig_FwUploadedMatches, this,
-                &WorkerSignalRelay::sig_FwUploadedMatches);
+        const auto [out, fresh] = channel(QMetaMethod::fromSignal(signal));
+        if (fresh && worker)
+            connect(worker, signal, out, &RelayedSignal::relayed);
+        return out;
     }
 
-signals:
-    void sig_NoDevConn();
-    void sig_DevConn();
-    void sig_FwUploadedDiffers();
-    void sig_FwUploadedMatches();
+    const RelayedSignal* carry(void (SM_A::*signal)(DFU::DeviceInfo))
+    {
+        const auto [out, fresh] = channel(QMetaMethod::fromSignal(signal));
+        if (fresh && worker) {
+            // The record comes with the signal; the guards decide on exactly this copy.
+            connect(worker, signal, out, [out = out](const DFU::DeviceInfo& info) {
+                SM_B::announced = info;
+                emit out->relayed();
+            });
+        }
+        return out;
+    }
+
+private:
+    SM_A* worker; // not owned
+    QHash<int, RelayedSignal*> channels; // by the worker signal's method index
+
+    // The channel of a worker signal, and whether it was made just now.
+    std::pair<RelayedSignal*, bool> channel(const QMetaMethod& signal)
+    {
+        if (RelayedSignal* out = channels.value(signal.methodIndex()))
+            return {out, false};
+        auto* out = new RelayedSignal(this);
+        channels.insert(signal.methodIndex(), out);
+        return {out, true};
+    }
 };
 
 Device::Type SM_B::desired_ID = Device::Invalid;
@@ -117,33 +148,36 @@ SM_B::SM_B(SM_A* worker, Device::Type desired_ID, QString desired_revision)
     SM_B::desired_ID = desired_ID;
     SM_B::desired_revision = std::move(desired_revision);
 
+    // The one way a transition names a worker signal: through the relay.
+    const auto on_worker = [this](QState* from, auto signal, QState* to,
+                                  GuardedTransition::Guard guard = nullptr) {
+        auto* transition =
+            new GuardedTransition(relay->carry(signal), &RelayedSignal::relayed, guard);
+        transition->setTargetState(to);
+        from->addTransition(transition);
+    };
     // When several transitions of one state accept the same signal, the one added first wins,
     // so the guards are consulted in this order.
-    const auto guarded = [this](GuardedTransition::Guard guard, QState* to) {
-        auto* transition = new GuardedTransition(relay, &WorkerSignalRelay::sig_DevConn, guard);
-        transition->setTargetState(to);
-        B1->addTransition(transition);
-    };
-    guarded(device_OTP_is_empty, B9);
-    guarded(device_has_wrong_type, B8);
-    guarded(device_has_other_revision, B2);
-    guarded(device_has_same_revision, B4);
+    on_worker(B1, &SM_A::sig_DevConn, B9, device_OTP_is_empty);
+    on_worker(B1, &SM_A::sig_DevConn, B8, device_has_wrong_type);
+    on_worker(B1, &SM_A::sig_DevConn, B2, device_has_other_revision);
+    on_worker(B1, &SM_A::sig_DevConn, B4, device_has_same_revision);
 
     B2->addTransition(this, &SM_B::sig_DoDownload, B3);
-    B2->addTransition(relay, &WorkerSignalRelay::sig_NoDevConn, B1);
+    on_worker(B2, &SM_A::sig_NoDevConn, B1);
     // B3 leaves only when the worker starts its next cycle after the download.
-    B3->addTransition(relay, &WorkerSignalRelay::sig_NoDevConn, B1);
+    on_worker(B3, &SM_A::sig_NoDevConn, B1);
     // No exit from B4 on disconnect: a unit pulled while verifying fails the upload, which the
     // worker reports as a difference.
-    B4->addTransition(relay, &WorkerSignalRelay::sig_FwUploadedMatches, B6);
-    B4->addTransition(relay, &WorkerSignalRelay::sig_FwUploadedDiffers, B7);
-    B6->addTransition(relay, &WorkerSignalRelay::sig_NoDevConn, B1);
+    on_worker(B4, &SM_A::sig_FwUploadedMatches, B6);
+    on_worker(B4, &SM_A::sig_FwUploadedDiffers, B7);
+    on_worker(B6, &SM_A::sig_NoDevConn, B1);
     B7->addTransition(this, &SM_B::sig_DoDownload, B3);
-    B7->addTransition(relay, &WorkerSignalRelay::sig_NoDevConn, B1);
-    B8->addTransition(relay, &WorkerSignalRelay::sig_NoDevConn, B1);
+    on_worker(B7, &SM_A::sig_NoDevConn, B1);
+    on_worker(B8, &SM_A::sig_NoDevConn, B1);
     // Kept although a normal build announces a blank unit as not upgradable.
     B9->addTransition(this, &SM_B::sig_DoDownload, B3);
-    B9->addTransition(relay, &WorkerSignalRelay::sig_NoDevConn, B1);
+    on_worker(B9, &SM_A::sig_NoDevConn, B1);
 
     setInitialState(B1);
     add_connections();
