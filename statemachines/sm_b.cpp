@@ -54,7 +54,7 @@ public:
         if (fresh && worker) {
             // The record comes with the signal; the guards decide on exactly this copy.
             connect(worker, signal, out, [out = out](const DFU::DeviceInfo& info) {
-                SM_B::announced = info;
+                SM_B::last_announced = info;
                 emit out->relayed();
             });
         }
@@ -62,7 +62,7 @@ public:
     }
 
 private:
-    SM_A* worker; // not owned
+    SM_A* worker;                        // not owned
     QHash<int, RelayedSignal*> channels; // by the worker signal's method index
 
     // The channel of a worker signal, and whether it was made just now.
@@ -78,12 +78,13 @@ private:
 
 Device::Type SM_B::desired_ID = Device::Invalid;
 QString SM_B::desired_revision;
-DFU::DeviceInfo SM_B::announced;
+DFU::DeviceInfo SM_B::last_announced;
 
 namespace {
 
-// Guards read SM_B::announced, the record that came with the worker's sig_DevConn being decided
-// on; the worker has moved on to its own next record by then.
+// Guards read SM_B::last_announced, the record that came with the sig_DevConn being decided on:
+// the worker has moved on to its own next record by then, and device_info is set only once B1 is
+// left.
 
 void print_type_check(const DFU::DeviceInfo& info)
 {
@@ -96,12 +97,12 @@ void print_type_check(const DFU::DeviceInfo& info)
 // A blank unit can be programmed even though nothing valid could be read from it.
 bool device_OTP_is_empty()
 {
-    return SM_B::announced.OTP_info.empty;
+    return SM_B::last_announced.OTP_info.empty;
 }
 
 bool device_has_wrong_type()
 {
-    const DFU::DeviceInfo& info = SM_B::announced;
+    const DFU::DeviceInfo& info = SM_B::last_announced;
     if (!info.valid)
         return false;
     print_type_check(info);
@@ -110,7 +111,7 @@ bool device_has_wrong_type()
 
 bool device_has_other_revision()
 {
-    const DFU::DeviceInfo& info = SM_B::announced;
+    const DFU::DeviceInfo& info = SM_B::last_announced;
     print_type_check(info);
     return info.valid && info.type == SM_B::desired_ID &&
            info.FW_revision != SM_B::desired_revision;
@@ -118,7 +119,7 @@ bool device_has_other_revision()
 
 bool device_has_same_revision()
 {
-    const DFU::DeviceInfo& info = SM_B::announced;
+    const DFU::DeviceInfo& info = SM_B::last_announced;
     print_type_check(info);
     return info.valid && info.type == SM_B::desired_ID &&
            info.FW_revision == SM_B::desired_revision;
@@ -142,7 +143,7 @@ SM_B::SM_B(SM_A* worker, Device::Type desired_ID, QString desired_revision)
       B6(make_state(this, "B6: FW in dev. matches")),
       B7(make_state(this, "B7: FW in dev. differs")),
       B8(make_state(this, "B8: Invalid (DFU-SE) dev. conn.")),
-      B9(make_state(this, "B9: Conn. to (DFU-SE) dev. with Empty OTP.")), sm_A(worker),
+      B9(make_state(this, "B9: Conn. to (DFU-SE) dev. with Empty OTP.")), worker(worker),
       relay(new WorkerSignalRelay(worker, this))
 {
     SM_B::desired_ID = desired_ID;
@@ -199,7 +200,7 @@ void SM_B::add_connections()
     // B1 is left only on sig_DevConn, and its exit runs before the target's entry, so the unit's
     // identity is known before any other announcement.
     connect(B1, &QState::exited, this, [this] {
-        device_info = announced;
+        device_info = last_announced;
         qInfo() << "Device connected with:\n" << device_info;
         emit sig_DeviceConnected();
     });
@@ -215,13 +216,13 @@ void SM_B::add_connections()
         emit sig_DifferingRevision();
     });
     connect(B3, &QState::entered, this, [this] {
-        if (sm_A)
-            sm_A->set_command(SM_A::Download);
+        if (worker)
+            worker->set_command(SM_A::Download);
     });
     connect(B4, &QState::entered, this, [this] {
         emit sig_UploadingVerifying();
-        if (sm_A)
-            sm_A->set_command(SM_A::UploadVerify);
+        if (worker)
+            worker->set_command(SM_A::UploadVerify);
     });
     connect(B6, &QState::entered, this, [this] { emit sig_FwMatches(); });
     connect(B7, &QState::entered, this, [this] {

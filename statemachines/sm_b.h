@@ -28,7 +28,7 @@ public:
     static Device::Type desired_ID;
     static QString desired_revision;
     // The record handed over with the worker's last sig_DevConn: what the guards decide on.
-    static DFU::DeviceInfo announced;
+    static DFU::DeviceInfo last_announced;
 
 private:
     QState* B1;
@@ -41,11 +41,11 @@ private:
     QState* B9;
 
 public:
-    // The connected unit, copied from `announced` when B1 is left; default while in B1.
+    // The connected unit, copied from `last_announced` when B1 is left; default while in B1.
     DFU::DeviceInfo device_info;
 
 private:
-    SM_A* sm_A; // not owned
+    SM_A* worker; // not owned; in the program, the same object as sm_A
     WorkerSignalRelay* relay;
 
     void add_connections();
