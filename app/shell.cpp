@@ -70,9 +70,9 @@ void GUI_init()
     mainWindow = MainWindow_factory(&settings, nullptr, simulator::use);
     mainWindow->setWindowTitle(QStringLiteral("Lumaxis Firmware Upgrade Tool"));
 
-    const QString dir = Files::external_dir.path() + QLatin1Char('/');
-    sm_A = new SM_A(dir + Files::desired_FW_fileName_dfu, dir + Files::desired_FW_fileName_bin,
-                    dir + Files::uploaded_FW_fileName_bin, nullptr);
+    sm_A = new SM_A(Files::working_path(Files::desired_FW_fileName_dfu),
+                    Files::working_path(Files::desired_FW_fileName_bin),
+                    Files::working_path(Files::uploaded_FW_fileName_bin), nullptr);
     sm_A->set_poll_pauses(500, 1000);
     sm_A->watch_device_access(!simulator::use);
     sm_A->enable_debug_output();

@@ -10,11 +10,6 @@ namespace DFU {
 
 namespace {
 
-QString working_file(const QString& name)
-{
-    return Files::external_dir.path() + QLatin1Char('/') + name;
-}
-
 // The bootloader's DFU transfer size: every upload block but a final short one has this length.
 constexpr int transfer_size = 2048;
 constexpr int OTP_area_size = 512;
@@ -69,7 +64,7 @@ QDebug operator<<(QDebug dbg, const DeviceInfo& info)
 
 CommandResult read_device_info(const DeviceItem* /*device*/, DeviceInfo* info)
 {
-    const QString path = working_file(Files::uploaded_OTP_fileName_bin);
+    const QString path = Files::working_path(Files::uploaded_OTP_fileName_bin);
     support_misc::ensure_file_is_deleted(path);
 
     CommandResult result = run_command(upload_OTP, {path});
@@ -87,13 +82,13 @@ CommandResult read_device_info(const DeviceItem* /*device*/, DeviceInfo* info)
     // failed. Only a complete block that holds no valid information counts as a product mismatch,
     // which still lets a unit whose earlier write broke off be repaired.
     const CommandResult info_read =
-        upload_FW_info_into(working_file(Files::uploaded_FW_info_fileName_bin));
+        upload_FW_info_into(Files::working_path(Files::uploaded_FW_info_fileName_bin));
     if (info_read.exit_code != 0) {
         result.exit_code = info_read.exit_code;
         result.output += info_read.output;
         return result;
     }
-    info->FW_info = Device::make_FW_Info(working_file(Files::uploaded_FW_info_fileName_bin));
+    info->FW_info = Device::make_FW_Info(Files::working_path(Files::uploaded_FW_info_fileName_bin));
     if (info->FW_info.product != info->OTP_info.product) {
         // A service build may give a blank unit its first firmware.
         const bool accept = info->OTP_info.empty && have_service_build();
@@ -115,7 +110,7 @@ CommandResult read_device_info(const DeviceItem* /*device*/, DeviceInfo* info)
 
 Device::FW_Info read_FW_Info(const DeviceItem* /*device*/)
 {
-    const QString path = working_file(Files::uploaded_FW_info_fileName_bin);
+    const QString path = Files::working_path(Files::uploaded_FW_info_fileName_bin);
     if (upload_FW_info_into(path).exit_code != 0)
         return {};
     return Device::make_FW_Info(path);
@@ -187,7 +182,7 @@ bool compare_FW_bin_files(const QString& first, const QString& second)
 
 Device::FW_Info read_FW_Info_from_desired_FW()
 {
-    const QString path = working_file(Files::desired_FW_fileName_bin);
+    const QString path = Files::working_path(Files::desired_FW_fileName_bin);
     qDebug() << "Reading desired FW_Info from " << path;
     return Device::make_FW_Info(path);
 }

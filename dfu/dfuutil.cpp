@@ -24,8 +24,7 @@ QString basename()
 
 QString full_path()
 {
-    return QStringLiteral("%1/%2").arg(Files::external_dir.path(),
-                                       Files::dfu_util_executable_fileName);
+    return Files::working_path(Files::dfu_util_executable_fileName);
 }
 
 bool is_expected_output(QString output, support_misc::Platform built_for)

@@ -23,6 +23,11 @@ QString temporary_dir_template()
 
 QTemporaryDir external_dir(temporary_dir_template());
 
+QString working_path(const QString& name)
+{
+    return external_dir.path() + QLatin1Char('/') + name;
+}
+
 bool extract_resources(std::vector<ID> ids, bool strict, QString* problem_folder,
                        QString* problem_reason)
 {
@@ -43,7 +48,7 @@ bool extract_resources(std::vector<ID> ids, bool strict, QString* problem_folder
         const QString name = basename[id];
         QFile source(QStringLiteral(":resources/") + name);
         // QFile::copy never overwrites: a second extraction of the same file fails.
-        if (source.copy(external_dir.path() + QLatin1Char('/') + name)) {
+        if (source.copy(working_path(name))) {
             qDebug() << "Extracted " << name;
         } else {
             qInfo() << "Failed to extract " << name;

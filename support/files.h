@@ -50,6 +50,9 @@ inline QMap<ID, QString> basename = {
 // Created before main under the system's temporary path; removed with its contents at exit.
 extern QTemporaryDir external_dir;
 
+// Where the working file `name` lies: external_dir's path, "/", name.
+QString working_path(const QString& name);
+
 // Copies ":resources/<name>" of each identifier into external_dir. A failed copy is logged and
 // skipped; the result is false only when strict and a copy failed, or without a directory. The
 // first failure's folder and reason go to *problem_folder and *problem_reason when given.

@@ -45,7 +45,7 @@ template <typename... T> QString shown(const T&... values)
 // Working files and the fake's control files share the run's directory.
 void put(const QString& name, const QByteArray& bytes)
 {
-    QFile file(Files::external_dir.filePath(name));
+    QFile file(Files::working_path(name));
     QVERIFY(file.open(QIODevice::WriteOnly));
     file.write(bytes);
 }
@@ -99,7 +99,7 @@ void tst_Dfu::init()
     DFU::commands = table_;
     DFU::Command::path = QStringLiteral(FAKE_DFU_UTIL_DIR);
     for (const QString& name : QDir(Files::external_dir.path()).entryList(QDir::Files))
-        QFile::remove(Files::external_dir.filePath(name));
+        QFile::remove(Files::working_path(name));
 }
 
 void tst_Dfu::command_table()
@@ -347,8 +347,8 @@ void tst_Dfu::read_back()
     put(target, "stale"); // must be deleted first, else the tool refuses to upload
     put("flash.bin", flash);
     put("upload_FW.exit", upload_exit);
-    QCOMPARE(DFU::upload_and_compare_FW_bin(Files::external_dir.filePath("reference.bin"),
-                                            Files::external_dir.filePath(target)),
+    QCOMPARE(DFU::upload_and_compare_FW_bin(Files::working_path("reference.bin"),
+                                            Files::working_path(target)),
              equal);
 }
 

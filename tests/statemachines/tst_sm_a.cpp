@@ -12,18 +12,13 @@
 
 namespace {
 
-QString working_file(const QString& name)
-{
-    return Files::external_dir.path() + QLatin1Char('/') + name;
-}
-
 std::unique_ptr<SM_A> make_worker(const QString& scenario)
 {
     if (simulator::sim_setup_prepared_config(scenario) != 0)
         return nullptr;
-    auto worker = std::make_unique<SM_A>(working_file(Files::desired_FW_fileName_dfu),
-                                         working_file(Files::desired_FW_fileName_bin),
-                                         working_file(Files::uploaded_FW_fileName_bin));
+    auto worker = std::make_unique<SM_A>(Files::working_path(Files::desired_FW_fileName_dfu),
+                                         Files::working_path(Files::desired_FW_fileName_bin),
+                                         Files::working_path(Files::uploaded_FW_fileName_bin));
     worker->set_poll_pauses(5, 5);
     return worker;
 }
@@ -56,7 +51,7 @@ private slots:
         simulator::setup_for_simulated_dfu_util(simulator::fast_progress);
         // The program carries the image that the simulator's scenarios upgrade to.
         QVERIFY(QFile::copy(simulator::dfu_util_path(QStringLiteral("images/firmware.bin")),
-                            working_file(Files::desired_FW_fileName_bin)));
+                            Files::working_path(Files::desired_FW_fileName_bin)));
     }
 
     // An idle worker logs its quiet signals once, not every cycle.

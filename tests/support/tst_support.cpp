@@ -37,7 +37,7 @@ private slots:
 void tst_Support::init()
 {
     for (const QString& name : entries(Files::external_dir.path()))
-        QFile::remove(Files::external_dir.filePath(name));
+        QFile::remove(Files::working_path(name));
 }
 
 void tst_Support::extract_data()
@@ -71,7 +71,7 @@ void tst_Support::extract()
     QCOMPARE(Files::extract_resources(ids, strict), result);
     QCOMPARE(capture.lines(), log);
     for (const QString& name : entries(Files::external_dir.path()))
-        QCOMPARE(file_bytes(Files::external_dir.filePath(name)), file_bytes(":resources/" + name));
+        QCOMPARE(file_bytes(Files::working_path(name)), file_bytes(":resources/" + name));
     QCOMPARE(name_seen_at_static_init, QStringLiteral("dfu-util"));
 }
 
@@ -111,7 +111,7 @@ void tst_Support::file_helpers()
 {
     // The extracted tool is read-only until marked; all may then run it.
     QVERIFY(Files::extract_resources({Files::dfu_util}, true));
-    const QString tool = Files::external_dir.filePath("dfu-util");
+    const QString tool = Files::working_path("dfu-util");
     QVERIFY(support_misc::mark_file_executable(tool));
     const auto mode = QFileInfo(tool).permissions();
     QVERIFY(mode.testFlags(QFile::ExeOwner | QFile::ExeGroup | QFile::ExeOther | QFile::ReadOther));
