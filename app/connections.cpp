@@ -9,6 +9,7 @@
 
 #include "app/shell.h"
 #include "app/statusline.h"
+#include "app/upgradeprogress.h"
 #include "gui/installbutton.h"
 #include "gui/logwindow.h"
 #include "gui/mainwindow.h"
@@ -18,6 +19,7 @@
 #include "statemachines/sm_b.h"
 
 StatusLine* statusLine = nullptr;
+UpgradeProgress* upgradeProgress = nullptr;
 
 namespace {
 
@@ -89,12 +91,22 @@ private:
     bool deferred = false;
 };
 
+// The bar goes when no upgrade needs it any more; a unit away for its restart does.
+void hide_progress_bar()
+{
+    upgradeProgress->abandon();
+    ProgressBar* bar = mainWindow->progressBar();
+    bar->setFormat(QStringLiteral("This text should not be visible!"));
+    bar->hide();
+}
+
 void on_fw_matches()
 {
     ProgressBar* bar = mainWindow->progressBar();
     bar->timer()->stop();
     bar->setValue(bar->maximum());
     bar->setFormat(QStringLiteral("Done. Disconnect USB cable."));
+    upgradeProgress->done();
     show_revision_text();
 }
 
@@ -121,8 +133,9 @@ void toggle_log_window()
 void add_connections(QApplication* app)
 {
     MainWindow* window = mainWindow.data();
-    statusLine = new StatusLine(window->statusLabel(),
-                                [](const QString& id) { return settings.gui.text(id); });
+    const auto layout_text = [](const QString& id) { return settings.gui.text(id); };
+    statusLine = new StatusLine(window->statusLabel(), layout_text);
+    upgradeProgress = new UpgradeProgress(window->progressBar(), layout_text);
 
     QObject::connect(window, &MainWindow::finished, [] {
         qInstallMessageHandler(nullptr);
@@ -139,22 +152,37 @@ void add_connections(QApplication* app)
         statusLine->showUnit(settings_text("status_devConn").arg(product));
     });
     QObject::connect(sm_B, &SM_B::sig_DifferingRevision, show_revision_text);
-    QObject::connect(sm_B, &SM_B::sig_UpgradeImpossible, window, [window] {
+    QObject::connect(sm_B, &SM_B::sig_UpgradeImpossible, window, [] {
         statusLine->showNoUnit();
-        window->progressBar()->setFormat(QStringLiteral("This text should not be visible!"));
-        window->progressBar()->hide();
+        if (!upgradeProgress->upgrading())
+            hide_progress_bar();
     });
+    // A unit back from its restart that is not verified ends the upgrade's bar.
+    for (const auto signal : {&SM_B::sig_UpgradePossible, &SM_B::sig_InvalidProduct})
+        QObject::connect(sm_B, signal, window, [] {
+            if (!upgradeProgress->upgrading())
+                hide_progress_bar();
+        });
     // What the worker finds out of its own, beside the flow.
     QObject::connect(sm_A, &SM_A::sig_NoAccess, statusLine, &StatusLine::setNoAccess);
     QObject::connect(sm_A, &SM_A::sig_DeviceError, statusLine, &StatusLine::setReadFailed);
     QObject::connect(sm_A, &SM_A::sig_NoDevConn, statusLine, &StatusLine::clearReadFailed);
     QObject::connect(sm_A, &SM_A::sig_FwDownloaded, statusLine, &StatusLine::downloadEnded);
+    QObject::connect(sm_A, &SM_A::sig_FwDownloaded, upgradeProgress,
+                     &UpgradeProgress::downloadEnded);
+    QObject::connect(sm_A, &SM_A::sig_Progress, upgradeProgress, &UpgradeProgress::toolProgress);
+    QObject::connect(sm_B, &SM_B::sig_DeviceConnected, upgradeProgress,
+                     &UpgradeProgress::unitBack);
     QObject::connect(window->installButton(), &QAbstractButton::clicked, sm_B, &SM_B::do_download);
+    // The time-based runs stand until dfu-util's first progress record replaces them, and stay
+    // for a tool that prints none.
     QObject::connect(sm_B, &SM_B::sig_DoDownload, [] {
         mainWindow->progressBar()->startAutoProgress(QStringLiteral("Upgrading firmware"), 100.0);
+        upgradeProgress->downloadStarted();
     });
     QObject::connect(sm_B, &SM_B::sig_UploadingVerifying, [] {
         mainWindow->progressBar()->startAutoProgress(QStringLiteral("Uploading & verifying"), 0.5);
+        upgradeProgress->verificationStarted();
     });
     QObject::connect(sm_B, &SM_B::sig_FwMatches, on_fw_matches);
     QObject::connect(sm_B, &SM_B::sig_FwDiffers, on_fw_differs);

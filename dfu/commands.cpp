@@ -3,6 +3,7 @@
 #include <utility>
 
 #include <QDebug>
+#include <QElapsedTimer>
 #include <QLoggingCategory>
 #include <QProcess>
 
@@ -57,6 +58,12 @@ Command::operator QString() const
 
 CommandResult run_command(CmdID id, const QList<QString>& extra_args)
 {
+    return run_command(id, extra_args, {});
+}
+
+CommandResult run_command(CmdID id, const QList<QString>& extra_args,
+                          const ProgressHandler& on_progress)
+{
     QProcess process;
 
     const Command& command = commands[id]; // inserts the default entry for an unknown id
@@ -73,18 +80,48 @@ CommandResult run_command(CmdID id, const QList<QString>& extra_args)
     // No shell: every argument reaches the tool exactly as given.
     process.start(program, args, QIODevice::ReadWrite);
 
-    // A tool that cannot be started lands here too: both waits return at once.
-    if (!process.waitForFinished(first_wait_ms)) {
-        const QString so_far = QString::fromUtf8(process.readAllStandardOutput());
-        qInfo() << "waitForFinished(): Process did not finish in time, exit status:"
-                << process.exitStatus() << "and output:" << so_far;
-        // A slow transfer must never be cut off half-way, so it is not killed.
-        qInfo() << "will wait again, forever";
-        process.waitForFinished(-1);
+    // The output is read as it comes, so that progress records reach the caller while the tool
+    // runs; the run itself is waited for as a whole, first for 30 s, then without limit.
+    QByteArray output;
+    ProgressReader progress;
+    QElapsedTimer clock;
+    clock.start();
+    bool past_first_wait = false;
+    const auto take = [&] {
+        const QByteArray chunk = process.readAllStandardOutput();
+        output += chunk;
+        if (on_progress && !chunk.isEmpty())
+            if (const auto record = progress.feed(chunk))
+                on_progress(*record);
+    };
+    // A tool that cannot be started lands in the time-out branch at once, as a wait would.
+    bool started = process.waitForStarted();
+    while (!past_first_wait || process.state() != QProcess::NotRunning) {
+        const qint64 left = first_wait_ms - clock.elapsed();
+        if (!past_first_wait && (left <= 0 || !started)) {
+            take();
+            qInfo() << "waitForFinished(): Process did not finish in time, exit status:"
+                    << process.exitStatus() << "and output:" << QString::fromUtf8(output);
+            // A slow transfer must never be cut off half-way, so it is not killed.
+            qInfo() << "will wait again, forever";
+            // What the time-out line showed is not part of the result.
+            output.clear();
+            past_first_wait = true;
+            continue;
+        }
+        if (process.state() == QProcess::NotRunning)
+            break;
+        const int wait = past_first_wait ? -1 : int(left);
+        if (process.waitForReadyRead(wait))
+            take();
+        else if (process.state() != QProcess::NotRunning)
+            // Output closed while the tool runs on: wait for its end (or the first limit).
+            process.waitForFinished(wait);
     }
+    take();
 
     CommandResult result;
-    result.output = QString::fromUtf8(process.readAllStandardOutput());
+    result.output = QString::fromUtf8(output);
     if (process.exitStatus() == QProcess::CrashExit)
         result.exit_code = -1;
     else if (process.error() == QProcess::FailedToStart)

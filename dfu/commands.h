@@ -1,9 +1,13 @@
 // The fixed table of dfu-util invocations and the blocking runner that executes one of them.
 #pragma once
 
+#include <functional>
+
 #include <QList>
 #include <QMap>
 #include <QString>
+
+#include "dfu/progress.h"
 
 namespace DFU {
 
@@ -38,5 +42,10 @@ struct CommandResult
 extern QMap<CmdID, Command> commands;
 
 CommandResult run_command(CmdID id, const QList<QString>& extra_args);
+// The same, handing each progress record the tool prints to on_progress while it runs, on the
+// calling thread.
+using ProgressHandler = std::function<void(const ToolProgress&)>;
+CommandResult run_command(CmdID id, const QList<QString>& extra_args,
+                          const ProgressHandler& on_progress);
 
 } // namespace DFU

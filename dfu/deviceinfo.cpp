@@ -116,18 +116,20 @@ Device::FW_Info read_FW_Info(const DeviceItem* /*device*/)
     return Device::make_FW_Info(path);
 }
 
-int download_FW_to_device(const QString& path)
+int download_FW_to_device(const QString& path, const ProgressHandler& on_progress)
 {
-    return run_command(download_FW, {path}).exit_code;
+    return run_command(download_FW, {path}, on_progress).exit_code;
 }
 
-int upload_FW_from_device(const QString& target, int byte_count)
+int upload_FW_from_device(const QString& target, int byte_count,
+                          const ProgressHandler& on_progress)
 {
     // dfu-util refuses to upload into an existing file; an old one must never be compared.
     support_misc::ensure_file_is_deleted(target);
     return run_command(upload_FW,
                        {QStringLiteral("-s"), QStringLiteral("0x08000000:%1").arg(byte_count),
-                        QStringLiteral("-U"), target})
+                        QStringLiteral("-U"), target},
+                       on_progress)
         .exit_code;
 }
 
@@ -136,7 +138,8 @@ int whole_blocks(int byte_count)
     return (byte_count + transfer_size - 1) / transfer_size * transfer_size;
 }
 
-bool upload_and_compare_FW_bin(const QString& reference, const QString& target)
+bool upload_and_compare_FW_bin(const QString& reference, const QString& target,
+                               const ProgressHandler& on_progress)
 {
     const int size = size_of_binary_file(reference);
     if (size < 1)
@@ -145,7 +148,7 @@ bool upload_and_compare_FW_bin(const QString& reference, const QString& target)
     // transfer size's stride or at the requested length's), and a whole block reads the same on
     // every one of them. The flash beyond the image is read along and not compared.
     const int read_back = whole_blocks(size);
-    if (upload_FW_from_device(target, read_back) != 0)
+    if (upload_FW_from_device(target, read_back, on_progress) != 0)
         return false;
     CommandResult result;
     if (!complete_read_out(target, read_back, &result))

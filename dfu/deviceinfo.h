@@ -39,12 +39,15 @@ Device::FW_Info read_FW_Info(const DeviceItem* device);
 // EX_TEMPFAIL: the unit is to be read again).
 constexpr int short_read_exit_code = 75;
 
-int download_FW_to_device(const QString& path);
-int upload_FW_from_device(const QString& target, int byte_count);
+// Both hand dfu-util's progress records to on_progress while they run.
+int download_FW_to_device(const QString& path, const ProgressHandler& on_progress = {});
+int upload_FW_from_device(const QString& target, int byte_count,
+                          const ProgressHandler& on_progress = {});
 // The byte count rounded up to whole transfer blocks (2048 bytes).
 int whole_blocks(int byte_count);
 // Reads whole_blocks(reference's size) bytes back and compares the reference's length of them.
-bool upload_and_compare_FW_bin(const QString& reference, const QString& target);
+bool upload_and_compare_FW_bin(const QString& reference, const QString& target,
+                               const ProgressHandler& on_progress = {});
 
 int size_of_binary_file(const QString& path);
 bool compare_FW_bin_files(const QString& first, const QString& second);

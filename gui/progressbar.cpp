@@ -65,3 +65,11 @@ void ProgressBar::increase()
         emit finished();
     }
 }
+
+void ProgressBar::showProgress(const QString& format, int percent)
+{
+    timer_->stop();
+    setFormat(format);
+    setValue(std::clamp(percent, minimum(), maximum()));
+    show();
+}

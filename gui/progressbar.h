@@ -29,6 +29,9 @@ public slots:
     void startAutoProgress(const QString& format, double seconds = -1.0);
     void startAutoProgress();
     void increase();
+    // A known fraction instead of the time-based run: the text (a format, %p for the percentage)
+    // and the value in percent; shows the bar.
+    void showProgress(const QString& format, int percent);
 
 private:
     std::int32_t steps_ = 1;

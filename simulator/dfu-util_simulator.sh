@@ -187,6 +187,8 @@ duration_ms() {
     echo "$ms"
 }
 
+# dfu-util's progress line, redrawn with carriage returns: the label ("Erase   ", "Download",
+# "Upload"), a tab, 25 bar cells, the percentage and the byte count; "<label> done." once full.
 progress() { # label, bytes, duration in ms
     local label=$1 bytes=$2 ms=$3 step bar
     if ((ms > 0)); then
@@ -199,7 +201,7 @@ progress() { # label, bytes, duration in ms
         sleep_ms $((ms / 10))
     fi
     printf -v bar '%25s' ''
-    printf '\r%s\t[%s] 100%% %12d bytes\n' "$label" "${bar// /=}" "$bytes"
+    printf '\r%s\t[%s] 100%% %12d bytes\n%s done.\n' "$label" "${bar// /=}" "$bytes" "$label"
 }
 
 # Flips the lowest bit of one flash byte: a cell that did not take its program.
@@ -386,12 +388,14 @@ do_download() {
     ms=$(duration_ms $((1000 + size / 24)))
     if ((FAIL_DOWNLOAD)); then
         # Erased and half written when the transfer breaks off; the unit stays in DFU mode.
-        progress Erase "$size" $((ms / 4))
+        progress "Erase   " "$size" $((ms / 4))
         program_flash "$download_file" "$start" "$size" $((size / 2))
         sleep_ms $((ms / 4))
         die $EX_IOERR "Error during download"
     fi
-    progress Download "$size" "$ms"
+    # As on a unit: the erase takes about a sixth of the transfer, the writing the rest.
+    progress "Erase   " "$size" $((ms / 6))
+    progress Download "$size" $((ms - ms / 6))
     program_flash "$download_file" "$start" "$size" "$size"
     if ((CORRUPT_WRITES)); then
         corrupt_byte $((start + size - 1))

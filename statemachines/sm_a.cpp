@@ -120,6 +120,19 @@ template <typename F> auto SM_A::transfer(F f)
     return result;
 }
 
+DFU::ProgressHandler SM_A::progress_to(qint64 total)
+{
+    return [this, total](const DFU::ToolProgress& record) {
+        const Stage stage = record.stage == DFU::ToolProgress::Erase      ? Stage::Erasing
+                            : record.stage == DFU::ToolProgress::Download ? Stage::Writing
+                                                                          : Stage::Verifying;
+        // The byte count is finer than the printed percentage.
+        const double fraction =
+            total > 0 ? double(record.bytes) / double(total) : record.percent / 100.0;
+        emit sig_Progress(stage, qBound(0.0, fraction, 1.0));
+    };
+}
+
 void SM_A::check_device_access()
 {
     if (!access_watched)
@@ -250,8 +263,10 @@ void SM_A::run()
         case Position::A5: {
             emit sig_A5_entered();
             emit sig_FwDownloading();
-            const int exit_code =
-                transfer([this] { return DFU::download_FW_to_device(desired_FW_bin); });
+            const int exit_code = transfer([this] {
+                return DFU::download_FW_to_device(
+                    desired_FW_bin, progress_to(DFU::size_of_binary_file(desired_FW_bin)));
+            });
             // Whatever the exit code: the verification that follows tells the truth.
             emit sig_FwDownloaded(exit_code);
             // The unit leaves its bootloader; start afresh so it is read again when it is back.
@@ -262,7 +277,9 @@ void SM_A::run()
             emit sig_A6_entered();
             emit sig_FwUploading();
             if (!transfer([this] {
-                    return DFU::upload_and_compare_FW_bin(desired_FW_bin, uploaded_FW_bin);
+                    const int read_back = DFU::whole_blocks(DFU::size_of_binary_file(desired_FW_bin));
+                    return DFU::upload_and_compare_FW_bin(desired_FW_bin, uploaded_FW_bin,
+                                                          progress_to(read_back));
                 })) {
                 qDebug() << "Uploaded FW does not match";
                 emit sig_FwUploadedDiffers();

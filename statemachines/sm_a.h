@@ -24,6 +24,10 @@ public:
     };
     Q_ENUM(Command)
 
+    // The stages of a transfer that the worker reports progress of.
+    enum class Stage : qint32 { Erasing, Writing, Verifying };
+    Q_ENUM(Stage)
+
     // A unit whose read-out fails is read this many times before it is reported as faulty: a
     // unit that is still enumerating (after its restart, or before udev granted access) refuses
     // the first opens.
@@ -33,10 +37,6 @@ public:
          QObject* parent = nullptr);
     ~SM_A() override;
 
-    const QString desired_FW_dfu;
-    const QString desired_FW_bin;
-    const QString uploaded_FW_bin;
-
     // Both only before start(): the pause before each new scanning cycle, and the pause between
     // checks while a unit is connected or a faulty one is awaited to go.
     void set_poll_pauses(qint32 no_device_ms, qint32 connected_ms);
@@ -45,7 +45,6 @@ public:
     void watch_device_access(bool on);
 
     Command get_command() const;
-    bool is_stopping() const;
     // True while the worker reads from or writes to a unit: such a run is never cut short, so a
     // stop waits for it.
     bool transfer_running() const { return in_transfer.load(); }
@@ -81,6 +80,9 @@ signals:
     // The device node of an attached bootloader this user may not open, or empty once there is
     // none; emitted when that changes.
     void sig_NoAccess(QString node);
+    // How far the running download or verification has come: the stage and its done fraction
+    // (0 to 1), from dfu-util's own progress output.
+    void sig_Progress(SM_A::Stage stage, double fraction);
 
 protected:
     void run() override;
@@ -88,7 +90,14 @@ protected:
 private:
     // Runs f with transfer_running() true.
     template <typename F> auto transfer(F f);
+    // Turns dfu-util's records of a run over total bytes into sig_Progress.
+    DFU::ProgressHandler progress_to(qint64 total);
     void check_device_access();
+    bool is_stopping() const;
+
+    const QString desired_FW_dfu;
+    const QString desired_FW_bin;
+    const QString uploaded_FW_bin;
 
     // The worker's own: read and written on its thread only.
     DFU::DeviceInfo device_info;

@@ -29,7 +29,8 @@ void tst_E2E::scenario_data()
 
     QTest::newRow("default: whole upgrade")
         << "default"
-        << "entered B1|entered B2|>click|/sig_DoDownload|entered B3|entered B1|entered B4|"
+        << "entered B1|entered B2|>click|/sig_DoDownload|entered B3|progress_erasing|"
+           "progress_writing|progress_restarting|entered B1|progress_verifying|entered B4|"
            "/sig_FwMatches|entered B6|>state|bar=\"Done. Disconnect USB cable.\"";
     QTest::newRow("same revision") << "same_revision" << "entered B1|entered B4|entered B6";
     QTest::newRow("read-back differs")

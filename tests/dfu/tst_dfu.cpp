@@ -77,6 +77,9 @@ private slots:
     void waits_past_time_limit();
     void listing_data();
     void listing();
+    void progress_data();
+    void progress();
+    void progress_while_running();
 
     void read_device_info_data();
     void read_device_info();
@@ -224,6 +227,66 @@ void tst_Dfu::listing()
     for (const DFU::DeviceItem& item : scan.devices)
         scanned << item.serial;
     QCOMPARE(scanned, serials);
+}
+
+// dfu-util's progress line as it redraws it: "\r<stage>\t[<25 cells>] <pct>% <n> bytes".
+static QByteArray bar(const char* stage, int percent, qint64 bytes)
+{
+    return QStringLiteral("\r%1\t[%2] %3% %4 bytes")
+        .arg(QLatin1String(stage))
+        .arg(QString(percent / 4, QLatin1Char('=')), -25)
+        .arg(percent, 3)
+        .arg(bytes, 12)
+        .toLatin1();
+}
+
+void tst_Dfu::progress_data()
+{
+    // The output in the pieces it arrives in, split at "|", and the records handed out.
+    QTest::addColumn<QByteArray>("pieces");
+    QTest::addColumn<QString>("records"); // "stage:percent:bytes", blank-separated
+
+    const QByteArray erase_done = bar("Erase   ", 100, 573088) + "\nErase    done.\n";
+    QTest::newRow("a download's stages, the newest record of each piece")
+        << QByteArray("Opening DFU capable USB device...\n" + bar("Erase   ", 0, 0) + bar("Erase   ", 4, 24576) +
+                      "|" + erase_done + bar("Download", 0, 0) + "|" + bar("Download", 52, 299008))
+        << "0:4:24576 1:0:0 1:52:299008";
+    QTest::newRow("a record cut anywhere is taken once whole")
+        << QByteArray(bar("Upload", 20, 114688).replace("114688 by", "1146|88 by").replace("\t[", "\t|["))
+        << "2:20:114688";
+    QTest::newRow("no record: banner, listing, a verbose line")
+        << QByteArray("dfu-util 0.11\n|Found DFU: [0483:df11] ver=2200|Download\tfrom image offset")
+        << "";
+    QTest::newRow("a stage dfu-util does not print is no record")
+        << QByteArray(bar("Verify", 10, 10)) << "";
+}
+
+void tst_Dfu::progress()
+{
+    QFETCH(QByteArray, pieces);
+    QFETCH(QString, records);
+    DFU::ProgressReader reader;
+    QStringList got;
+    for (const QByteArray& piece : pieces.split('|'))
+        if (const auto p = reader.feed(piece))
+            got << QStringLiteral("%1:%2:%3").arg(p->stage).arg(p->percent).arg(p->bytes);
+    QCOMPARE(got.join(' '), records);
+    // The whole text at once gives the newest record.
+    const auto last = DFU::last_progress(QByteArray(pieces).replace('|', QByteArray()));
+    QCOMPARE(last.has_value(), !records.isEmpty());
+}
+
+// The runner hands the records over while the tool runs and keeps the whole output.
+void tst_Dfu::progress_while_running()
+{
+    const QByteArray output = "Downloading\n" + bar("Erase   ", 100, 4096) + bar("Download", 50, 2048);
+    put("download_FW.stdout", output);
+    QList<DFU::ToolProgress> seen;
+    const DFU::CommandResult result = DFU::run_command(
+        DFU::download_FW, {"image.bin"}, [&](const DFU::ToolProgress& p) { seen << p; });
+    QCOMPARE(result.output, QString::fromLatin1(output));
+    QVERIFY(!seen.isEmpty());
+    QCOMPARE(seen.last(), (DFU::ToolProgress{DFU::ToolProgress::Download, 50, 2048}));
 }
 
 void tst_Dfu::read_device_info_data()

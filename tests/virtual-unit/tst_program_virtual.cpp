@@ -206,7 +206,12 @@ void tst_ProgramVirtual::writing_data()
         QTest::newRow(name) << setup << steps << expect;
     };
 
-    row("complete upgrade", {older}, upgrade + done, written);
+    // The bar follows dfu-util through each phase.
+    row("complete upgrade", {older},
+        QStringLiteral("entered B2|>click|entered B3|% progress_erasing|% progress_writing|"
+                       "% progress_restarting|entered B1|% progress_verifying|entered B4|") +
+            done,
+        written);
     // The third erase: the first sectors, information block and all, are already blank. Then the
     // data: 573088 bytes, the first block ends at 2048, the last begins at 571392.
     row("erase: unit pulled", with("--unplug-after 2 --direction erase --once"),

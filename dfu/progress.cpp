@@ -1,0 +1,62 @@
+#include "dfu/progress.h"
+
+#include <QRegularExpression>
+
+namespace DFU {
+
+namespace {
+
+// As dfu-util 0.11 prints it: the stage padded to 8, a tab, 25 bar cells, "%3llu%% %12llu bytes".
+const QRegularExpression& record()
+{
+    static const QRegularExpression pattern(
+        QStringLiteral("(Erase   |Download|Upload)\\t\\[[= ]*\\] *(\\d{1,3})% *(\\d+) bytes"));
+    return pattern;
+}
+
+// The newest record and where it ends. A record cut off at the end of what has arrived does not
+// match until its closing word "bytes" is there.
+std::optional<std::pair<ToolProgress, qsizetype>> last_record(const QString& text)
+{
+    std::optional<std::pair<ToolProgress, qsizetype>> found;
+    for (const QRegularExpressionMatch& m : record().globalMatch(text)) {
+        ToolProgress p;
+        const QString stage = m.captured(1);
+        p.stage = stage == QLatin1String("Download") ? ToolProgress::Download
+                  : stage == QLatin1String("Upload") ? ToolProgress::Upload
+                                                     : ToolProgress::Erase;
+        p.percent = qMin(100, m.captured(2).toInt());
+        p.bytes = m.captured(3).toLongLong();
+        found = std::make_pair(p, m.capturedEnd());
+    }
+    return found;
+}
+
+} // namespace
+
+std::optional<ToolProgress> last_progress(const QByteArray& text)
+{
+    const auto found = last_record(QString::fromLatin1(text));
+    if (!found)
+        return std::nullopt;
+    return found->first;
+}
+
+std::optional<ToolProgress> ProgressReader::feed(const QByteArray& chunk)
+{
+    pending += chunk;
+    const auto found = last_record(QString::fromLatin1(pending));
+    if (!found) {
+        // No record yet: keep only what could still be the start of one.
+        const qsizetype cut = pending.lastIndexOf('\r');
+        if (cut > 0)
+            pending.remove(0, cut);
+        if (pending.size() > 4096)
+            pending = pending.right(256);
+        return std::nullopt;
+    }
+    pending.remove(0, found->second);
+    return found->first;
+}
+
+} // namespace DFU

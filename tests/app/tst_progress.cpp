@@ -1,0 +1,80 @@
+// The upgrade's progress bar fed as the worker and the flow feed it: each phase weighted by its
+// share, whole percent, never back, and short of 100 until "Done".
+#include <QTest>
+
+#include "app/upgradeprogress.h"
+#include "gui/progressbar.h"
+
+class tst_Progress final : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void bar_data();
+    void bar();
+};
+
+void tst_Progress::bar_data()
+{
+    // Steps: "download", "end", "back", "verify", "wait" (a second), or "E|W|V:fraction"
+    // for a record of the erase, the write or the read-back; after each, "value text".
+    QTest::addColumn<QString>("steps");
+    QTest::addColumn<QString>("shown");
+    QTest::addColumn<bool>("upgrading"); // the bar stays while no unit is attached
+
+    QTest::newRow("an upgrade, phase by phase")
+        << "download E:0 E:0.5 E:1 W:0.5 W:1 end back verify V:0.5 V:1"
+        << "0 Upgrading|0 progress_erasing|7 progress_erasing|15 progress_erasing|"
+           "54 progress_writing|94 progress_writing|94 progress_restarting|94 progress_restarting|"
+           "98 progress_verifying|99 progress_verifying|99 progress_verifying"
+        << false;
+    // The restart fills by time, and only the read-back takes the bar past its phase.
+    QTest::newRow("waiting for the unit") << "download W:1 end wait wait"
+                                          << "0 Upgrading|94 progress_writing|94 progress_restarting|"
+                                             "95 progress_restarting|96 progress_restarting"
+                                          << true;
+    QTest::newRow("a late record does not take it back")
+        << "download W:0.5 E:1 W:0.4" << "0 Upgrading|54 progress_writing|54 progress_erasing|"
+                                         "54 progress_writing"
+                                      << true;
+    QTest::newRow("verifying a unit that was not written")
+        << "verify V:0.5 V:1" << "0 Upgrading|50 progress_verifying|99 progress_verifying" << false;
+    // A tool that prints nothing keeps the time-based run, which the flow ends as it always has.
+    QTest::newRow("no records") << "download end" << "0 Upgrading|0 Upgrading" << false;
+}
+
+void tst_Progress::bar()
+{
+    QFETCH(QString, steps);
+    QFETCH(QString, shown);
+    ProgressBar progress_bar(nullptr);
+    progress_bar.setFormat(QStringLiteral("Upgrading"));
+    progress_bar.setValue(0);
+    UpgradeProgress upgrade(&progress_bar, [](const QString& id) { return id; });
+    QStringList seen;
+    for (const QString& step : steps.split(QLatin1Char(' '))) {
+        const QString what = step.section(QLatin1Char(':'), 0, 0);
+        const double fraction = step.section(QLatin1Char(':'), 1).toDouble();
+        if (what == QLatin1String("download"))
+            upgrade.downloadStarted();
+        else if (what == QLatin1String("end"))
+            upgrade.downloadEnded();
+        else if (what == QLatin1String("back"))
+            upgrade.unitBack();
+        else if (what == QLatin1String("verify"))
+            upgrade.verificationStarted();
+        else if (what == QLatin1String("wait"))
+            QTest::qWait(1000);
+        else
+            upgrade.toolProgress(what == QLatin1String("E")   ? SM_A::Stage::Erasing
+                                 : what == QLatin1String("W") ? SM_A::Stage::Writing
+                                                              : SM_A::Stage::Verifying,
+                                 fraction);
+        seen << QStringLiteral("%1 %2").arg(progress_bar.value()).arg(progress_bar.format());
+    }
+    QCOMPARE(seen.join(QLatin1Char('|')), shown);
+    QTEST(upgrade.upgrading(), "upgrading");
+}
+
+QTEST_MAIN(tst_Progress)
+#include "tst_progress.moc"
