@@ -9,9 +9,6 @@ public:
     using Guard = bool (*)();
 
     // A null guard accepts every awaited signal, like a plain QSignalTransition.
-    GuardedTransition(const QObject* sender, const char* signal, Guard guard,
-                      QState* source = nullptr);
-
     template <typename Func>
     GuardedTransition(const typename QtPrivate::FunctionPointer<Func>::Object* sender, Func signal,
                       Guard guard, QState* source = nullptr)
