@@ -1,4 +1,5 @@
-#include "gui/labels.h"
+// MainWindow's text labels, made from the layout model.
+#include "gui/mainwindow.h"
 
 #include <QDebug>
 #include <QFont>
@@ -9,7 +10,6 @@
 
 #include "device/products.h"
 #include "gui/installbutton.h"
-#include "gui/mainwindow.h"
 #include "support/support_misc.h"
 
 namespace {
@@ -46,13 +46,13 @@ bool is_one_of(const QString& id, const char* a, const char* b)
 
 } // namespace
 
-void add_labels(const Settings::Settings* settings, MainWindow* window, bool simulator)
+void MainWindow::addLabels(bool simulator)
 {
-    window->show();
-    for (const Settings::LabelData& data : settings->gui.labels) {
+    show();
+    for (const Settings::LabelData& data : settings_->gui.labels) {
         if (!data.create) {
-            if (data.id == QLatin1String("8b2") && window->installButton()) {
-                window->installButton()->setText(data.text);
+            if (data.id == QLatin1String("8b2") && install_button_) {
+                install_button_->setText(data.text);
                 continue;
             }
             if (!(data.id == QLatin1String("sim_mode") && simulator))
@@ -61,8 +61,8 @@ void add_labels(const Settings::Settings* settings, MainWindow* window, bool sim
         if (data.text.isEmpty())
             continue;
 
-        auto* label = new QLabel(data.text, window);
-        label->setText(filled_text(settings, data));
+        auto* label = new QLabel(data.text, this);
+        label->setText(filled_text(settings_, data));
 
         if (is_one_of(data.id, "2", "3"))
             label->setAlignment(Qt::AlignLeft | Qt::AlignTop);
@@ -70,9 +70,9 @@ void add_labels(const Settings::Settings* settings, MainWindow* window, bool sim
             label->setAlignment(Qt::AlignRight | Qt::AlignTop);
 
         if (data.id == QLatin1String("9"))
-            window->step3_label_ = label;
+            step3_label_ = label;
         else if (data.id == QLatin1String("status_noDev"))
-            window->status_label_ = label;
+            status_label_ = label;
         if (!data.font.isEmpty())
             label->setFont(QFont(data.font));
 
@@ -91,7 +91,7 @@ void add_labels(const Settings::Settings* settings, MainWindow* window, bool sim
         const int height = metrics.height();
         if (is_one_of(data.id, "4", "4_hdr")) {
             // The version header is right-aligned against a fixed column.
-            width = window->scaledTruncated(228.0);
+            width = scaledTruncated(228.0);
             qInfo() << "Overriding width to " << width << "for text:" << data.text;
         }
         label->resize(width, height * lines);
@@ -103,7 +103,7 @@ void add_labels(const Settings::Settings* settings, MainWindow* window, bool sim
                 : QStringLiteral("QLabel { background-color : rgba(0,0,0,0%); color : black; }"));
 
         if (data.position.x() > 0 && data.position.y() > 0)
-            label->move(window->scaled(data.position.x()), window->scaled(data.position.y()));
+            label->move(scaled(data.position.x()), scaled(data.position.y()));
         label->show();
     }
 }

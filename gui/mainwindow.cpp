@@ -12,7 +12,6 @@
 
 #include "gui/circle.h"
 #include "gui/installbutton.h"
-#include "gui/labels.h"
 #include "gui/progressbar.h"
 #include "support/fonts.h"
 #include "support/support_misc.h"
@@ -129,7 +128,7 @@ MainWindow* MainWindow_factory(const Settings::Settings* settings, QWidget* pare
 
     auto* window = new MainWindow(settings, parent);
     window->install_button_ = new InstallButton(window);
-    add_labels(settings, window, simulator);
+    window->addLabels(simulator);
     // Labels are sized generously and may reach over the button; keep it on top to stay
     // clickable over its whole face.
     window->install_button_->raise();

@@ -49,7 +49,6 @@ protected:
 
 private:
     friend MainWindow* MainWindow_factory(const Settings::Settings*, QWidget*, bool);
-    friend void add_labels(const Settings::Settings*, MainWindow*, bool);
 
     const Settings::Settings* settings_ = nullptr;
     QWidget* central_ = nullptr;
@@ -60,6 +59,9 @@ private:
     double scale_ = 1.0;
     InstallButton* install_button_ = nullptr;
     ProgressBar* progress_bar_ = nullptr;
+
+    // Makes the layout's text labels; lives in labels.cpp.
+    void addLabels(bool simulator);
 };
 
 // Builds the whole window from the settings; stops the program when the layout lacks the status
