@@ -205,7 +205,8 @@ void tst_Device::fw_info_data()
     row("block is the whole image", block({{"k", "v"}}), {"k=v"});
     row("29 pairs end at 1948", at(1948 - 72 - 64 * 29, block(numbered(29))), flat(numbered(29)));
     refused("end marker at 1949, silently", at(1949 - 72 - 64, block(numbered(1))), none);
-    refused("begin marker at 1948 passes", markers_at(1948, 1000), {length_line(1948, 1000)});
+    refused("begin marker at 1948 within limit, end before it", markers_at(1948, 1000),
+            {length_line(1948, 1000)});
     refused("begin marker at 1949, silently", markers_at(1949, 1000), none);
     refused("d = 71", markers_at(0, 71), {length_line(0, 71)});
     refused("d = 73", markers_at(0, 73), {length_line(0, 73)});
