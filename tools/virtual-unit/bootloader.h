@@ -79,6 +79,10 @@ struct vu_bootloader
     long long bytes_up;
     /* Erase commands in this run, for faults armed with --direction erase. */
     long long erases;
+    /* What this run has done, for the progress file: the end of the erased flash (an offset),
+     * the bytes programmed. */
+    long long erased_end;
+    long long bytes_written;
     /* Set once the unit has left DFU mode or was pulled: every later request fails. */
     int gone;
     /* Just re-enumerated: every string descriptor request fails. */

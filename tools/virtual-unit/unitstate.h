@@ -17,6 +17,8 @@ extern "C" {
 #define VU_FILE_FLASH "flash.bin"
 #define VU_FILE_OTP "otp.bin"
 #define VU_FILE_LOCK "lock"
+/* What the current transfer has done so far (see report_progress in bootloader.c). */
+#define VU_FILE_PROGRESS "progress"
 
 /* STM32F4 with 1 MiB of flash: sectors 4x16K, 1x64K, 7x128K. */
 #define VU_FLASH_BASE 0x08000000u
