@@ -25,7 +25,7 @@ void tst_Progress::bar_data()
     QTest::newRow("an upgrade, phase by phase")
         << "download E:0 E:0.5 E:1 W:0.5 W:1 end back verify V:0.5 V:1"
         << "0 Upgrading|0 progress_erasing|7 progress_erasing|15 progress_erasing|"
-           "54 progress_writing|94 progress_writing|94 progress_restarting|94 progress_restarting|"
+           "55 progress_writing|94 progress_writing|94 progress_restarting|94 progress_restarting|"
            "98 progress_verifying|99 progress_verifying|99 progress_verifying"
         << false;
     // The restart fills by time, and only the read-back takes the bar past its phase.
@@ -34,8 +34,8 @@ void tst_Progress::bar_data()
                                              "95 progress_restarting|96 progress_restarting"
                                           << true;
     QTest::newRow("a late record does not take it back")
-        << "download W:0.5 E:1 W:0.4" << "0 Upgrading|54 progress_writing|54 progress_erasing|"
-                                         "54 progress_writing"
+        << "download W:0.5 E:1 W:0.4" << "0 Upgrading|55 progress_writing|55 progress_erasing|"
+                                         "55 progress_writing"
                                       << true;
     QTest::newRow("verifying a unit that was not written")
         << "verify V:0.5 V:1" << "0 Upgrading|50 progress_verifying|99 progress_verifying" << false;
