@@ -2,7 +2,8 @@
 # Runs lumaxis-upgrade-virtual in real-device mode: the real dfu-util against a freshly made
 # virtual unit (tools/virtual-unit) of the right product with an older firmware, in realistic
 # timing. With a display the user clicks through the upgrade; without one the script runs it
-# under Xvfb, clicks Install as a person would, saves a screenshot of each state and ends by itself.
+# under Xvfb, clicks Install as a person would, saves a screenshot of each state and of each phase
+# of the progress bar, and ends by itself.
 set -euo pipefail
 
 build_dir=$(cd "${1:-build}" && pwd)
@@ -78,14 +79,19 @@ shot 2-upgrade-offered
 eval "$(xdotool getwindowgeometry --shell "$window")"
 # The install button sits at (207, 417), 250 by 40, at scale 1.
 xdotool mousemove "$((X + 207 + 125))" "$((Y + 417 + 20))" click 1
-wait_for "SM_B: entered B3" 10
-sleep 10
-shot 3-upgrading
-wait_for "SM_B: entered B4" 120
-shot 4-verifying
-wait_for "SM_B: entered B6" 120
+# One shot a phase of the bar, each as soon as the program reports it.
+wait_for "progress_erasing" 10
+sleep 3
+shot 3-erasing
+wait_for "Progress: [5-9][0-9] % progress_writing" 90
+shot 4-writing
+wait_for "progress_restarting" 90
+shot 5-restarting
+wait_for "progress_verifying" 60
+shot 6-verifying
+wait_for "SM_B: entered B6" 60
 sleep 1
-shot 5-done
+shot 7-done
 
 /usr/bin/python3 "$(dirname "$0")/close-window.py" "$window"
 wait "$program_pid" && status=0 || status=$?
