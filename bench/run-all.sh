@@ -3,7 +3,8 @@
 # BUILD_DIR/bench-results.md, then prints it. Usage: bench/run-all.sh [BUILD_DIR]; the run counts
 # and the idle time per run come from BENCH_STARTUP_RUNS (20), BENCH_IDLE_RUNS (3),
 # BENCH_IDLE_SECONDS (20), BENCH_UPGRADE_RUNS (5, fast timing) and BENCH_REAL_UPGRADE_RUNS (1, the
-# unit in real timing, about a minute each with its hand runs).
+# unit in real timing, about 2.5 minutes each with its hand runs) and BENCH_PROGRESS_RUNS (1, real
+# timing, about 80 s each).
 set -euo pipefail
 build_dir=$(cd "${1:-build}" && pwd)
 bench_dir=$(cd "$(dirname "$0")" && pwd)
@@ -25,6 +26,7 @@ bash "$bench_dir/startup.sh" "$build_dir" "${BENCH_STARTUP_RUNS:-20}"
 bash "$bench_dir/idle.sh" "$build_dir" "${BENCH_IDLE_RUNS:-3}" "${BENCH_IDLE_SECONDS:-20}"
 bash "$bench_dir/upgrade.sh" "$build_dir" "${BENCH_UPGRADE_RUNS:-5}" fast
 bash "$bench_dir/upgrade.sh" "$build_dir" "${BENCH_REAL_UPGRADE_RUNS:-1}" real
+bash "$bench_dir/progress.sh" "$build_dir" "${BENCH_PROGRESS_RUNS:-1}"
 
 echo
 cat "$table"
