@@ -66,6 +66,12 @@ void StatusLine::clearReadFailed()
 void StatusLine::downloadEnded(int exit_code)
 {
     download_exit_code = exit_code;
+    // A good write is followed by the unit's restart: the plain no-unit hint would read as if
+    // the cable were the problem.
+    if (exit_code == 0) {
+        written = Written::Restarting;
+        render();
+    }
     unit_return.start();
 }
 
@@ -88,6 +94,8 @@ void StatusLine::render()
         shown = start_problem;
     else if (!no_access_node.isEmpty())
         shown = text(QStringLiteral("status_devNoAccess")).arg(no_access_node);
+    else if (written == Written::Restarting)
+        shown = text(QStringLiteral("status_devRestarting"));
     else if (written == Written::NotBack)
         shown = text(QStringLiteral("status_devNotBack"));
     else if (written == Written::Broken)

@@ -36,7 +36,8 @@ public slots:
     void setStopping(StatusLine::Stopping stopping);
 
 private:
-    enum class Written { No, NotBack, Broken };
+    // After a write: the unit restarting (as it should), not back in time, or the write broke off.
+    enum class Written { No, Restarting, NotBack, Broken };
 
     void render();
 

@@ -244,7 +244,8 @@ void tst_ProgramVirtual::writing_data()
     row("leave's last poll fails", with("--leave-status-fails --once"), upgrade + done, written);
     // The unit runs its new firmware and stays away: the user is told how to have it verified.
     row("unit stays away after the leave", with("--leave-mode app"),
-        unplugged_download + "!entered B4|Status line: The firmware was written|unit plug|"
+        "entered B2|>click|entered B3|Status line: Firmware written; the unit restarts|"
+        "entered B1|!entered B4|Status line: The firmware was written|unit plug|"
                              "entered B4|" + done,
         written);
     row("unit re-enumerates slowly", with("--leave-mode reenumerate --reenumerate-ms 3000"),
