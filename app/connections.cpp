@@ -171,8 +171,7 @@ void add_connections(QApplication* app)
     QObject::connect(sm_A, &SM_A::sig_FwDownloaded, upgradeProgress,
                      &UpgradeProgress::downloadEnded);
     QObject::connect(sm_A, &SM_A::sig_Progress, upgradeProgress, &UpgradeProgress::toolProgress);
-    QObject::connect(sm_B, &SM_B::sig_DeviceConnected, upgradeProgress,
-                     &UpgradeProgress::unitBack);
+    QObject::connect(sm_B, &SM_B::sig_DeviceConnected, upgradeProgress, &UpgradeProgress::unitBack);
     QObject::connect(window->installButton(), &QAbstractButton::clicked, sm_B, &SM_B::do_download);
     // The time-based runs stand until dfu-util's first progress record replaces them, and stay
     // for a tool that prints none.

@@ -42,7 +42,8 @@ double UpgradeProgress::overall(Phase phase, double fraction, bool verify_only)
 void UpgradeProgress::show(Phase phase, double fraction)
 {
     // Whole percent, never back, and 100 only with "Done".
-    const int percent = std::min(99, int(std::floor(100.0 * overall(phase, fraction, verify_only))));
+    const int percent =
+        std::min(99, int(std::floor(100.0 * overall(phase, fraction, verify_only))));
     if (percent > shown || phase != logged_phase)
         qInfo().noquote() << "Progress:" << std::max(shown, percent) << "%"
                           << phase_text[int(phase)];

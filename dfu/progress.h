@@ -12,8 +12,8 @@ struct ToolProgress
 {
     enum Stage { Erase, Download, Upload };
     Stage stage = Erase;
-    int percent = 0;   // of the stage, as dfu-util prints it
-    qint64 bytes = 0;  // the stage's count so far
+    int percent = 0;  // of the stage, as dfu-util prints it
+    qint64 bytes = 0; // the stage's count so far
     bool operator==(const ToolProgress& o) const
     {
         return stage == o.stage && percent == o.percent && bytes == o.bytes;

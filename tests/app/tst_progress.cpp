@@ -29,18 +29,22 @@ void tst_Progress::bar_data()
            "98 progress_verifying|99 progress_verifying|99 progress_verifying"
         << false;
     // The restart fills by time, and only the read-back takes the bar past its phase.
-    QTest::newRow("waiting for the unit") << "download W:1 end wait wait"
-                                          << "0 Upgrading|94 progress_writing|94 progress_restarting|"
-                                             "95 progress_restarting|96 progress_restarting"
-                                          << true;
+    QTest::newRow("waiting for the unit")
+        << "download W:1 end wait wait"
+        << "0 Upgrading|94 progress_writing|94 progress_restarting|"
+           "95 progress_restarting|96 progress_restarting"
+        << true;
     QTest::newRow("a late record does not take it back")
-        << "download W:0.5 E:1 W:0.4" << "0 Upgrading|55 progress_writing|55 progress_erasing|"
-                                         "55 progress_writing"
-                                      << true;
+        << "download W:0.5 E:1 W:0.4"
+        << "0 Upgrading|55 progress_writing|55 progress_erasing|"
+           "55 progress_writing"
+        << true;
     QTest::newRow("verifying a unit that was not written")
-        << "verify V:0.5 V:1" << "0 Upgrading|50 progress_verifying|99 progress_verifying" << false;
+        << "verify V:0.5 V:1"
+        << "0 Upgrading|50 progress_verifying|99 progress_verifying" << false;
     // A tool that prints nothing keeps the time-based run, which the flow ends as it always has.
-    QTest::newRow("no records") << "download end" << "0 Upgrading|0 Upgrading" << false;
+    QTest::newRow("no records") << "download end"
+                                << "0 Upgrading|0 Upgrading" << false;
 }
 
 void tst_Progress::bar()

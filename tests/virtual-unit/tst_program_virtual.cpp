@@ -141,9 +141,7 @@ void tst_ProgramVirtual::reading_data()
     const QString back = QStringLiteral("Exit with 74|!entered B2|unit plug|") + offered;
     const QString on_offer = QStringLiteral("B2 install=1 done=0 flash=old");
     const auto row = [](const char* name, const QStringList& setup, const QString& steps,
-                        const QString& expect) {
-        QTest::newRow(name) << setup << steps << expect;
-    };
+                        const QString& expect) { QTest::newRow(name) << setup << steps << expect; };
 
     row("OTP read: unit pulled", with("--unplug-after 100 --direction upload --once"), back,
         on_offer);
@@ -174,8 +172,7 @@ void tst_ProgramVirtual::reading_data()
         QStringLiteral("B6 install=0 done=1 flash=new"));
     row("foreign DFU device beside the unit", with("--foreign-device"), upgrade + "entered B6",
         QStringLiteral("B6 install=0 done=1 flash=new"));
-    row("other product",
-        {QStringLiteral("create --type 4 --revision 2.2.0 --timing fast")},
+    row("other product", {QStringLiteral("create --type 4 --revision 2.2.0 --timing fast")},
         QStringLiteral("entered B8|"), QStringLiteral("B8 install=0 done=0 flash=old"));
     // B9 announces itself by its signals only: not upgradable, yet a differing revision.
     row("blank OTP area", {QStringLiteral("create --blank-otp --timing fast")},
@@ -202,9 +199,7 @@ void tst_ProgramVirtual::writing_data()
     const QString emptied = QStringLiteral("B2 install=1 done=0 flash=other");
     const QString unplugged_download = QStringLiteral("entered B2|>click|entered B3|entered B1|");
     const auto row = [](const char* name, const QStringList& setup, const QString& steps,
-                        const QString& expect) {
-        QTest::newRow(name) << setup << steps << expect;
-    };
+                        const QString& expect) { QTest::newRow(name) << setup << steps << expect; };
 
     // The bar follows dfu-util through each phase.
     row("complete upgrade", {older},
@@ -229,15 +224,15 @@ void tst_ProgramVirtual::writing_data()
     row("middle block: unit pulled", with("--unplug-after 286000 --direction download --once"),
         unplugged_download + "unit plug|entered B4|" + differs, broken);
     row("middle block: stalls",
-        with("--stall-after 286000 --stall-ms 1000 --direction download --once"),
-        upgrade + differs, broken);
+        with("--stall-after 286000 --stall-ms 1000 --direction download --once"), upgrade + differs,
+        broken);
     row("middle block: transfer error", with("--fail-after 286000 --direction download --once"),
         upgrade + differs, broken);
     row("last block: unit pulled", with("--unplug-after 571400 --direction download --once"),
         unplugged_download + "unit plug|entered B4|" + differs, broken);
     row("last block: stalls",
-        with("--stall-after 571400 --stall-ms 1000 --direction download --once"),
-        upgrade + differs, broken);
+        with("--stall-after 571400 --stall-ms 1000 --direction download --once"), upgrade + differs,
+        broken);
     row("last block: transfer error", with("--fail-after 571400 --direction download --once"),
         upgrade + differs, broken);
     // dfu-util fails the leave although the image is written: the read-back decides.
@@ -246,7 +241,8 @@ void tst_ProgramVirtual::writing_data()
     row("unit stays away after the leave", with("--leave-mode app"),
         "entered B2|>click|entered B3|Status line: Firmware written; the unit restarts|"
         "entered B1|!entered B4|Status line: The firmware was written|unit plug|"
-                             "entered B4|" + done,
+        "entered B4|" +
+            done,
         written);
     row("unit re-enumerates slowly", with("--leave-mode reenumerate --reenumerate-ms 3000"),
         upgrade + done + "|!The unit did not answer", written);
@@ -272,8 +268,9 @@ void tst_ProgramVirtual::writing_data()
     // Another unit of the product, same revision text but other bytes, put in while the written
     // one is away: verified as what it is.
     row("unit swapped before the verification", {older},
-        QStringLiteral("entered B2|>click|entered B3|entered B1|unit create --serial "
-                       "0123456789AB --type 3 --revision 2.3.0 --name Other --timing fast|entered B4|") +
+        QStringLiteral(
+            "entered B2|>click|entered B3|entered B1|unit create --serial "
+            "0123456789AB --type 3 --revision 2.3.0 --name Other --timing fast|entered B4|") +
             differs,
         broken);
 }
@@ -291,9 +288,7 @@ void tst_ProgramVirtual::stopping_data()
         QStringLiteral("Closing waits for the running transfer|Status line: Finishing the running "
                        "transfer|>state|visible=1|The transfer has ended; closing");
     const auto row = [](const char* name, const QStringList& setup, const QString& steps,
-                        const QString& expect) {
-        QTest::newRow(name) << setup << steps << expect;
-    };
+                        const QString& expect) { QTest::newRow(name) << setup << steps << expect; };
 
     row("Escape during the write", slow,
         writing + ">key Escape|Oops, SM_A not dead yet|" + finishing + stopped,
@@ -348,7 +343,8 @@ void tst_ProgramVirtual::play()
     QCOMPARE(program.finish(), 0);
 
     const QString out = program.output();
-    const QRegularExpression state_line(QStringLiteral("programrun: state visible=1 install=(\\d)"));
+    const QRegularExpression state_line(
+        QStringLiteral("programrun: state visible=1 install=(\\d)"));
     QRegularExpressionMatch last_state;
     for (const auto& m : state_line.globalMatch(out))
         last_state = m;
