@@ -85,3 +85,14 @@ start_xvfb() {
   echo "bench: Xvfb did not start" >&2
   return 1
 }
+
+# Calls one_run $1 times, appending each run's line to file $2 and printing it as "run N: ...".
+repeat_runs() {
+  local i
+  : >"$2"
+  for i in $(seq "$1"); do
+    # In this shell, not a pipeline's, so that a failing run stops the script and its clean-up.
+    one_run >"$work_dir/run.txt"
+    tee -a "$2" <"$work_dir/run.txt" | sed "s/^/run $i: /"
+  done
+}

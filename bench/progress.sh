@@ -45,11 +45,7 @@ echo "# progress: ${virtual[*]} -l, Xvfb, virtual unit real timing; $(note_load)
 echo "# columns: largest gap (points), samples, bar went back (0/1), 100 % before Done (0/1)," \
   "click to Done (s); erase, write, restart, read-back as the unit saw them (s, to 0.25 s);" \
   "the phase of the largest gap"
-: >"$work_dir/progress.txt"
-for i in $(seq "$runs"); do
-  one_run >"$work_dir/run.txt"
-  tee -a "$work_dir/progress.txt" <"$work_dir/run.txt" | sed "s/^/run $i: /"
-done
+repeat_runs "$runs" "$work_dir/progress.txt"
 table_row "Progress bar: largest gap to the unit's own count" \
   "$(cut -d' ' -f1 "$work_dir/progress.txt" | median 1) points" "<= 5 points" \
   "$(cut -d' ' -f1 "$work_dir/progress.txt" | spread 1)" "$command"

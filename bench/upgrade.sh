@@ -110,12 +110,7 @@ echo "# upgrade: ${virtual[*]} -l, Xvfb, virtual unit $timing timing, absent ${a
 echo "# columns: click to Done, fixed pauses, the rest, the same runs by hand, overhead %;" \
   "download, scans beyond pauses, number of scans, read-out, beyond connected pause," \
   "read-back and compare (ms); peak RSS MiB; CPU time of the program's threads (ms)"
-: >"$work_dir/upgrade.txt"
-for i in $(seq "$runs"); do
-  # In this shell, not a pipeline's, so that a failing run stops the script and its clean-up.
-  one_run >"$work_dir/run.txt"
-  tee -a "$work_dir/upgrade.txt" <"$work_dir/run.txt" | sed "s/^/run $i: /"
-done
+repeat_runs "$runs" "$work_dir/upgrade.txt"
 names=(click_to_done fixed_pauses beyond_pauses by_hand overhead_percent download scans_beyond_pauses
   scans read_out beyond_connected_pause read_back peak_rss_mib program_cpu_ms)
 for c in "${!names[@]}"; do
