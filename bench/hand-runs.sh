@@ -10,7 +10,7 @@ runs=${2:-20}
 source "$(dirname "$0")/common.sh"
 result_file=${3:-$work_dir/hand-runs.txt}
 timing=${4:-fast}
-# Warm-up runs only where there are several: a real-timing download takes 23 s.
+# Warm-up runs only where there are several: a real-timing download takes 70 s.
 warmup=$((runs > 2 ? 2 : 0))
 
 tool="$work_dir/tool"
@@ -19,6 +19,8 @@ cp "$build_dir/generated/dfu-util" "$tool/dfu-util"
 cp "$virtual_lib_dir/libusb-1.0.so.0" "$tool/libusb-1.0.so.0"
 cp "$build_dir/generated/firmware.bin" "$tool/firmware.bin"
 size=$(stat -c %s "$tool/firmware.bin")
+# The program reads back whole 2048-byte blocks.
+read_back=$(((size + 2047) / 2048 * 2048))
 export LUMAXIS_VIRTUAL_UNIT="$work_dir/unit"
 "$unit_tool" create --type 3 --revision 2.2.0 --timing "$timing" >/dev/null
 
@@ -44,11 +46,11 @@ EOF
 bench list_none "$unit_tool unplug" "$dfu" -d 0483 -l
 bench list "$unit_tool plug" "$dfu" -d 0483 -l
 bench upload_OTP "rm -f $tool/uploaded_OTP.bin" \
-  "$dfu" -d 0483 -a 2 -s 0x1FFF7800:512 -U "$tool/uploaded_OTP.bin"
+  "$dfu" -d ,0483:df11 -a 2 -s 0x1FFF7800:512 -U "$tool/uploaded_OTP.bin"
 bench upload_FW_info "rm -f $tool/uploaded_FW_info.bin" \
-  "$dfu" -d 0483 -a 0 -s 0x08000000:2048 -U "$tool/uploaded_FW_info.bin"
+  "$dfu" -d ,0483:df11 -a 0 -s 0x08000000:2048 -U "$tool/uploaded_FW_info.bin"
 bench download_FW "$unit_tool plug" \
-  "$dfu" -d 0483 -a 0 -s 0x08000000:leave -D "$tool/firmware.bin"
+  "$dfu" -d ,0483:df11 -a 0 -s 0x08000000:leave -D "$tool/firmware.bin"
 "$unit_tool" plug # back from the last leave at once
 bench upload_FW "rm -f $tool/uploaded_FW.bin" \
-  "$dfu" -d 0483 -a 0 -s "0x08000000:$size" -U "$tool/uploaded_FW.bin"
+  "$dfu" -d ,0483:df11 -a 0 -s "0x08000000:$read_back" -U "$tool/uploaded_FW.bin"

@@ -5,7 +5,7 @@
 # before each upgrade, so that both see the same load; the CPU time of the program's own threads
 # from the click to "Done", which load hardly changes; the peak resident memory from /usr/bin/time.
 # Usage: bench/upgrade.sh [BUILD_DIR] [RUNS] [TIMING]; TIMING is the unit's, fast (the default)
-# or real (a download then takes 23 s); prints one line per run and the medians.
+# or real (a download then takes 70 s); prints one line per run and the medians.
 set -euo pipefail
 build_dir=$(cd "${1:-build}" && pwd)
 runs=${2:-5}
