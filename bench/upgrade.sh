@@ -76,7 +76,7 @@ one_run() {
   LUMAXIS_VIRTUAL_UNIT="$unit" "$unit_tool" create --type 3 --revision 2.2.0 --timing "$timing" \
     --absent-ms "$absent_ms" >/dev/null
   LUMAXIS_VIRTUAL_UNIT="$unit" TMPDIR="$tmp" python3 "$bench_dir/stamp-lines.py" --out "$log" \
-    --pid-file "$pidfile" --timeout 120 -- /usr/bin/time -v -o "$timefile" "${virtual[@]}" -l &
+    --pid-file "$pidfile" --timeout 200 -- /usr/bin/time -v -o "$timefile" "${virtual[@]}" -l &
   local wrapper=$!
   wait_for_line "$log" "SM_B: entered B2" 30 "$wrapper"
   local program_pid cpu_before cpu_after
@@ -90,7 +90,7 @@ one_run() {
   # The install button sits at (207, 417), 250 by 40, at scale 1.
   cpu_before=$(thread_cpu_ms "$program_pid")
   xdotool mousemove "$((X + 207 + 125))" "$((Y + 417 + 20))" click 1
-  wait_for_line "$log" "SM_B: entered B6" 90 "$wrapper"
+  wait_for_line "$log" "SM_B: entered B6" 150 "$wrapper"
   cpu_after=$(thread_cpu_ms "$program_pid")
   # A close request can go astray (seen once in a few dozen runs); ask again rather than wait for
   # the time-out, since the program needs only its 2 s pause to end.
