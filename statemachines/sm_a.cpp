@@ -3,6 +3,7 @@
 #include <atomic>
 #include <utility>
 
+#include <QDeadlineTimer>
 #include <QDebug>
 #include <QMutexLocker>
 
@@ -81,8 +82,20 @@ void SM_A::set_command(SM_A::Command c)
 
 void SM_A::do_stop()
 {
+    {
+        QMutexLocker lock(&mutex);
+        stop_requested = true;
+    }
+    // An idle worker leaves its pause at once rather than after it.
+    wait_condition.wakeAll();
+}
+
+void SM_A::pause(qint32 ms)
+{
     QMutexLocker lock(&mutex);
-    stop_requested = true;
+    QDeadlineTimer until(ms);
+    while (!stop_requested && !until.hasExpired())
+        wait_condition.wait(&mutex, until);
 }
 
 bool SM_A::is_stopping() const
@@ -164,7 +177,7 @@ void SM_A::run()
             device_info = DFU::DeviceInfo();
             emit sig_NoDevConn();
             if (!first_cycle) {
-                msleep(no_device_poll_ms);
+                pause(no_device_poll_ms);
             }
             first_cycle = false;
             position = Position::A2;
@@ -223,7 +236,7 @@ void SM_A::run()
             emit sig_A7_entered();
             emit sig_scanning();
             while (!is_stopping()) {
-                msleep(connected_poll_ms);
+                pause(connected_poll_ms);
                 const DFU::ScanResult scan = DFU::make_scan();
                 if (!is_single_unit(scan) || scan.devices.first().serial != current_serial) {
                     break;
@@ -238,7 +251,7 @@ void SM_A::run()
             if (is_stopping()) {
                 return;
             }
-            msleep(connected_poll_ms);
+            pause(connected_poll_ms);
             // Checked again after the pause: a write must not start after a stop was asked for.
             if (is_stopping()) {
                 return;

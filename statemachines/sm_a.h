@@ -89,6 +89,8 @@ protected:
 
 private:
     // Runs f with transfer_running() true.
+    // Sleeps ms, or less when a stop is asked for meanwhile.
+    void pause(qint32 ms);
     template <typename F> auto transfer(F f);
     // Turns dfu-util's records of a run over total bytes into sig_Progress.
     DFU::ProgressHandler progress_to(qint64 total);
