@@ -27,6 +27,7 @@ Command entry(QList<QString> args)
 } // namespace
 
 QString Command::path;
+QString Command::serial;
 
 // Transfers name the bootloader's DFU-mode ids: "-d 0483" alone sets only dfu-util's run-time
 // filter, so any other DFU-mode device on the bus would match too and the transfer would refuse to
@@ -56,6 +57,15 @@ Command::operator QString() const
     return program + QLatin1Char('(') + args.join(QLatin1Char(',')) + QLatin1Char(')');
 }
 
+QList<QString> arguments(CmdID id, const QList<QString>& extra_args)
+{
+    // In front: the table's last option may be one whose value the extra arguments give ("-U").
+    QList<QString> args;
+    if (!Command::serial.isEmpty() && id != version)
+        args << QStringLiteral("-S") << Command::serial;
+    return args + commands[id].args + extra_args; // inserts the default entry for an unknown id
+}
+
 CommandResult run_command(CmdID id, const QList<QString>& extra_args)
 {
     return run_command(id, extra_args, {});
@@ -66,11 +76,11 @@ CommandResult run_command(CmdID id, const QList<QString>& extra_args,
 {
     QProcess process;
 
-    const Command& command = commands[id]; // inserts the default entry for an unknown id
+    const QList<QString> args = arguments(id, extra_args);
+    const Command& command = commands[id];
     const QString program = Command::path.isEmpty()
                                 ? command.program
                                 : Command::path + QLatin1Char('/') + command.program;
-    const QList<QString> args = command.args + extra_args;
 
     if (id != list)
         qInfo() << "Start " << program << args;

@@ -28,6 +28,10 @@ struct Command
 
     // Directory holding the tool; empty means the program is used as it stands.
     static QString path;
+    // The serial number every run but the version test selects its unit by (dfu-util's "-S"),
+    // for callers that choose among several units; empty, as the window has it, leaves every
+    // command line as the table gives it. Set it only while no run is under way.
+    static QString serial;
 
     operator QString() const;
 };
@@ -40,6 +44,9 @@ struct CommandResult
 
 // Mutable on purpose: the simulator rewrites entries at start-up. Look-ups insert on miss.
 extern QMap<CmdID, Command> commands;
+
+// What run_command passes to the tool: the serial selection, the table's arguments, extra_args.
+QList<QString> arguments(CmdID id, const QList<QString>& extra_args);
 
 CommandResult run_command(CmdID id, const QList<QString>& extra_args);
 // The same, handing each progress record the tool prints to on_progress while it runs, on the

@@ -72,6 +72,8 @@ private slots:
     void init();
 
     void command_table();
+    void serial_selection_data();
+    void serial_selection();
     void self_test_data();
     void self_test();
     void waits_past_time_limit();
@@ -128,6 +130,43 @@ void tst_Dfu::command_table()
         QString(DFU::dfu_util::expected_output_of_execution_test).replace("\n", "\r\n");
     QVERIFY(DFU::dfu_util::is_expected_output(crlf, support_misc::Platform::windows));
     QVERIFY(!DFU::dfu_util::is_expected_output(crlf, support_misc::Platform::macOS));
+}
+
+// The window never selects by serial: without one, every run's command line is the table's; the
+// companion's selection goes in front, where no option of the table can take it for its value.
+void tst_Dfu::serial_selection_data()
+{
+    QTest::addColumn<int>("id");
+    QTest::addColumn<QString>("serial");
+    QTest::addColumn<QStringList>("extra");
+    QTest::addColumn<QString>("expected");
+    const QStringList file{"x.bin"};
+    const QString otp = "-d ,0483:df11 -a 2 -s 0x1FFF7800:512 -U x.bin";
+    QTest::newRow("window: version") << int(DFU::version) << "" << QStringList() << "-V";
+    QTest::newRow("window: list") << int(DFU::list) << "" << QStringList() << "-d 0483 -l";
+    QTest::newRow("window: OTP") << int(DFU::upload_OTP) << "" << file << otp;
+    QTest::newRow("window: read-back")
+        << int(DFU::upload_FW) << "" << QStringList{"-s", "0x08000000:4096", "-U", "x.bin"}
+        << "-d ,0483:df11 -a 0 -s 0x08000000:4096 -U x.bin";
+    QTest::newRow("window: download") << int(DFU::download_FW) << "" << file
+                                      << "-d ,0483:df11 -a 0 -s 0x08000000:leave -D x.bin";
+    QTest::newRow("serial: version untouched") << int(DFU::version) << A << QStringList() << "-V";
+    QTest::newRow("serial: list") << int(DFU::list) << A << QStringList()
+                                  << "-S " + A + " -d 0483 -l";
+    QTest::newRow("serial: OTP, -U keeps its file") << int(DFU::upload_OTP) << A << file
+                                                    << "-S " + A + " " + otp;
+}
+
+void tst_Dfu::serial_selection()
+{
+    QFETCH(int, id);
+    QFETCH(QString, serial);
+    QFETCH(QStringList, extra);
+    QFETCH(QString, expected);
+    DFU::Command::serial = serial;
+    const QStringList args = DFU::arguments(DFU::CmdID(id), extra);
+    DFU::Command::serial.clear();
+    QCOMPARE(args.join(' '), expected);
 }
 
 void tst_Dfu::self_test_data()
