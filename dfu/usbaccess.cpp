@@ -28,8 +28,10 @@ int sysfs_number(const QString& device_dir, const char* name)
 
 } // namespace
 
-QString DFU::inaccessible_bootloader_node(const QString& sysfs_root, const QString& dev_root)
+QList<DFU::AttachedBootloader> DFU::attached_bootloaders(const QString& sysfs_root,
+                                                        const QString& dev_root)
 {
+    QList<AttachedBootloader> found;
 #if defined(Q_OS_LINUX)
     const QDir devices(sysfs_root + QStringLiteral("/bus/usb/devices"));
     // Interfaces ("1-2:1.0") have no idVendor, so they drop out with every other device.
@@ -50,13 +52,27 @@ QString DFU::inaccessible_bootloader_node(const QString& sysfs_root, const QStri
         // libusb opens the node read-write. A missing node is not a permission problem, and the
         // effective ids decide, as they do for libusb's open, with udev's access lists included.
         const QByteArray path = QFile::encodeName(node);
-        if (::access(path.constData(), F_OK) == 0 &&
-            ::faccessat(AT_FDCWD, path.constData(), R_OK | W_OK, AT_EACCESS) != 0)
-            return node;
+        if (::access(path.constData(), F_OK) != 0)
+            continue;
+        // The serial keeps its case: dfu-util's -S compares it exactly.
+        QFile serial(dir + QStringLiteral("/serial"));
+        const QString text = serial.open(QIODevice::ReadOnly)
+                                 ? QString::fromLatin1(serial.read(64).trimmed())
+                                 : QString();
+        found << AttachedBootloader{
+            node, text, ::faccessat(AT_FDCWD, path.constData(), R_OK | W_OK, AT_EACCESS) == 0};
     }
 #else
     Q_UNUSED(sysfs_root)
     Q_UNUSED(dev_root)
 #endif
+    return found;
+}
+
+QString DFU::inaccessible_bootloader_node(const QString& sysfs_root, const QString& dev_root)
+{
+    for (const AttachedBootloader& bootloader : attached_bootloaders(sysfs_root, dev_root))
+        if (!bootloader.accessible)
+            return bootloader.node;
     return {};
 }

@@ -41,19 +41,20 @@ void tst_usbaccess::finds_node_not_open_to_user_data()
     QTest::addColumn<QByteArray>("numbers"); // busnum:devnum as sysfs writes them
     QTest::addColumn<int>("node_mode");      // -1: no device node
     QTest::addColumn<QString>("expected");   // below the /dev root
+    QTest::addColumn<bool>("listed");        // among the attached bootloaders
 
     const auto row = [](const char* name, const char* ids, const char* numbers, int mode,
-                        const char* expected) {
+                        const char* expected, bool listed) {
         QTest::newRow(name) << QByteArray(ids) << QByteArray(numbers) << mode
-                            << QString::fromLatin1(expected);
+                            << QString::fromLatin1(expected) << listed;
     };
-    row("bootloader, node read-only", "0483:df11", "3:12", 0444, "/bus/usb/003/012");
-    row("bootloader, node open to all", "0483:df11", "3:12", 0666, "");
-    row("bootloader, node missing", "0483:df11", "3:12", -1, "");
-    row("bootloader, bus number unreadable", "0483:df11", "x:12", 0444, "");
-    row("other product of the maker", "0483:5740", "3:12", 0444, "");
-    row("other maker", "046d:df11", "3:12", 0444, "");
-    row("no USB in sysfs", "", "", -1, "");
+    row("bootloader, node read-only", "0483:df11", "3:12", 0444, "/bus/usb/003/012", true);
+    row("bootloader, node open to all", "0483:df11", "3:12", 0666, "", true);
+    row("bootloader, node missing", "0483:df11", "3:12", -1, "", false);
+    row("bootloader, bus number unreadable", "0483:df11", "x:12", 0444, "", false);
+    row("other product of the maker", "0483:5740", "3:12", 0444, "", false);
+    row("other maker", "046d:df11", "3:12", 0444, "", false);
+    row("no USB in sysfs", "", "", -1, "", false);
 }
 
 void tst_usbaccess::finds_node_not_open_to_user()
@@ -62,6 +63,7 @@ void tst_usbaccess::finds_node_not_open_to_user()
     QFETCH(QByteArray, numbers);
     QFETCH(int, node_mode);
     QFETCH(QString, expected);
+    QFETCH(bool, listed);
 
     QTemporaryDir root;
     QVERIFY(root.isValid());
@@ -88,6 +90,7 @@ void tst_usbaccess::finds_node_not_open_to_user()
         write(unit + QStringLiteral("/idProduct"), ids.split(':').at(1));
         write(unit + QStringLiteral("/busnum"), numbers.split(':').at(0));
         write(unit + QStringLiteral("/devnum"), numbers.split(':').at(1));
+        write(unit + QStringLiteral("/serial"), "3473375a3334");
     }
     if (node_mode >= 0) {
         QVERIFY(QDir().mkpath(dev + QStringLiteral("/bus/usb/003")));
@@ -98,6 +101,14 @@ void tst_usbaccess::finds_node_not_open_to_user()
 
     QCOMPARE(DFU::inaccessible_bootloader_node(sys, dev),
              expected.isEmpty() ? QString() : dev + expected);
+
+    // The companion's list: the serial as the system reports it, case kept, and the access.
+    const QList<DFU::AttachedBootloader> found = DFU::attached_bootloaders(sys, dev);
+    QCOMPARE(found.size(), listed ? 1 : 0);
+    if (listed) {
+        QCOMPARE(found.first().serial, QStringLiteral("3473375a3334"));
+        QCOMPARE(found.first().accessible, expected.isEmpty());
+    }
 }
 
 QTEST_GUILESS_MAIN(tst_usbaccess)
