@@ -1,0 +1,69 @@
+// The companion's commands: list, info, upgrade and verify, each a sequence of the driver's runs
+// on the calling thread, while the event loop's thread takes the termination signals.
+#pragma once
+
+#include <atomic>
+
+#include <QList>
+#include <QSet>
+#include <QString>
+
+#include "cli/console.h"
+#include "cli/report.h"
+
+namespace Cli {
+
+struct Options
+{
+    QString serial; // the unit to work on; empty: the only one attached
+    bool wait = false;
+    bool repeat = false;
+    bool force = false;
+    bool json = false;
+    bool check_access = true; // look for bootloaders this user may not open (not with the simulator)
+    bool pin_serial = true;   // select the unit with dfu-util's -S (the simulator has no -S)
+    int poll_ms = 100;        // between listings while waiting for a unit
+    int return_timeout_ms = 60000; // for the unit to come back after a write
+};
+
+class Companion
+{
+public:
+    Companion(Options options, Console* console);
+
+    Exit list();
+    Exit info();
+    Exit upgrade();
+    Exit verify();
+
+    // From any thread: end after the running unit; a running transfer is never cut short.
+    void request_stop() { stop.store(true); }
+    // True while a unit is being upgraded or verified.
+    bool busy() const { return working.load(); }
+
+private:
+    struct Selection
+    {
+        QString serial;
+        Exit exit = Done;
+    };
+    // The listed serials, without selecting any unit.
+    QList<QString> listed_serials();
+    Selection select_unit();
+    Exit no_unit_exit(bool announce);
+    void pin(const QString& serial);
+    Exit read_identity(const QString& serial, DFU::DeviceInfo* info);
+    Exit read_back(QString* note);
+    bool wait_for_return(const QString& serial);
+    // Reads, decides, writes and verifies one unit; upgrade_unit also prints its summary line.
+    UnitResult work_on(const QString& serial);
+    UnitResult upgrade_unit(const QString& serial);
+    void pause() const;
+
+    const Options options;
+    Console* const console;
+    std::atomic<bool> stop{false};
+    std::atomic<bool> working{false};
+};
+
+} // namespace Cli
