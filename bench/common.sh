@@ -42,6 +42,15 @@ table_row() {
     "$(cut -d' ' -f1 /proc/loadavg)" "$5" >>"$BENCH_TABLE"
 }
 
+# Lays out folder $1 as the program's temporary directory with the virtual unit's libusb: dfu-util,
+# libusb-1.0.so.0 and firmware.bin.
+virtual_tool_bundle() {
+  mkdir -p "$1"
+  cp "$build_dir/generated/dfu-util" "$1/dfu-util"
+  cp "$virtual_lib_dir/libusb-1.0.so.0" "$1/libusb-1.0.so.0"
+  cp "$build_dir/generated/firmware.bin" "$1/firmware.bin"
+}
+
 # The program that talks to the virtual unit: the variant that embeds its library, or else the
 # normal program with the library on LD_LIBRARY_PATH, which the dynamic loader searches before
 # the embedded dfu-util's RUNPATH.

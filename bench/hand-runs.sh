@@ -14,10 +14,7 @@ timing=${4:-fast}
 warmup=$((runs > 2 ? 2 : 0))
 
 tool="$work_dir/tool"
-mkdir -p "$tool"
-cp "$build_dir/generated/dfu-util" "$tool/dfu-util"
-cp "$virtual_lib_dir/libusb-1.0.so.0" "$tool/libusb-1.0.so.0"
-cp "$build_dir/generated/firmware.bin" "$tool/firmware.bin"
+virtual_tool_bundle "$tool"
 size=$(stat -c %s "$tool/firmware.bin")
 # The program reads back whole 2048-byte blocks.
 read_back=$(((size + 2047) / 2048 * 2048))
