@@ -33,7 +33,9 @@ dpkg-deb -c "$deb" | awk '{ sub(/^\./, "", $6); print $6 }' >"$work/contents"
 doc=/usr/share/doc/lumaxis-upgrade
 sim=/usr/share/lumaxis-upgrade/simulator
 expected=(
-    /usr/bin/lumaxis-upgrade
+    /usr/bin/lumaxis-upgrade /usr/bin/lumaxis-upgrade-cli
+    /usr/share/man/man1/lumaxis-upgrade-cli.1.gz
+    /usr/share/bash-completion/completions/lumaxis-upgrade-cli
     $sim/dfu-util_simulator.sh $sim/configs/default.conf $sim/images/firmware.bin
     /lib/udev/rules.d/70-lumaxis-upgrade.rules
     /usr/share/applications/lumaxis-upgrade.desktop
@@ -116,4 +118,8 @@ cmp -s -n "$(stat -c %s "$image")" "$image" "$state/flash.bin" ||
 (cd "$root" && find ".$sim" -type f | cut -c2- | sort) >"$work/simulator-files"
 grep "^$sim/.*[^/]$" "$work/contents" | sort | diff - "$work/simulator-files" >&2 ||
     fail "files appeared beside the installed simulator"
+# The installed companion finds the installed simulator too: the unit upgraded above is current.
+"${user_env[@]}" "$root/usr/bin/lumaxis-upgrade-cli" --simulator upgrade >"$work/cli.out" 2>"$work/cli.err" ||
+    { cat "$work/cli.err" >&2; fail "the installed companion ended with status $?"; }
+grep -q "already-current" "$work/cli.out" || fail "the installed companion said: $(cat "$work/cli.out")"
 echo "Package $(basename "$deb"): $(wc -l <"$work/contents") entries, installed, upgraded to Done"
