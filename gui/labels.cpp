@@ -1,11 +1,14 @@
 // MainWindow's text labels, made from the layout model.
 #include "gui/mainwindow.h"
 
+#include <algorithm>
+
 #include <QDebug>
 #include <QFont>
 #include <QFontMetrics>
 #include <QGuiApplication>
 #include <QLabel>
+#include <QRawFont>
 #include <QScreen>
 
 #include "device/products.h"
@@ -37,6 +40,16 @@ QString filled_text(const Settings::Settings* settings, const Settings::LabelDat
     if (data.id == QLatin1String("4"))
         return text.replace(QLatin1String("%1"), settings->desired_FW_revision.toHtmlEscaped());
     return text;
+}
+
+// Whether the font draws every character itself; others come from a fallback font (a CJK one for
+// Japanese), whose lines are taller.
+bool drawn_by(const QFont& font, const QString& text)
+{
+    const QRawFont raw = QRawFont::fromFont(font);
+    const QList<uint> characters = text.toUcs4();
+    return std::all_of(characters.begin(), characters.end(),
+                       [&](uint c) { return c == '\n' || raw.supportsCharacter(c); });
 }
 
 bool is_one_of(const QString& id, const char* a, const char* b)
@@ -94,7 +107,17 @@ void MainWindow::addLabels(bool simulator)
             width = scaledTruncated(228.0);
             qInfo() << "Overriding width to " << width << "for text:" << data.text;
         }
-        label->resize(width, height * lines);
+        if (label == status_label_ && data.position.x() > 0 && data.position.y() > 0) {
+            // A long status text (a translation, a long folder name) wraps inside the light strip
+            // instead of running off the window: margins as on the left, down to the bottom edge.
+            label->setWordWrap(true);
+            width = scaledTruncated(665) - 2 * scaled(data.position.x());
+            label->resize(width, scaledTruncated(517) - scaled(data.position.y()));
+        } else if (drawn_by(label->font(), label->text())) {
+            label->resize(width, height * lines);
+        } else {
+            label->resize(width, std::max(height * lines, label->sizeHint().height()));
+        }
 
         label->setStyleSheet(
             data.white
