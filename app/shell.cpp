@@ -11,6 +11,7 @@
 #include "dfu/commands.h"
 #include "dfu/deviceinfo.h"
 #include "dfu/dfuutil.h"
+#include "gui/languages.h"
 #include "gui/logwindow.h"
 #include "gui/mainwindow.h"
 #include "gui/settings.h"
@@ -62,6 +63,7 @@ void GUI_init()
 
     Settings::Settings built;
     built.gui = Settings::make_GUI(QStringLiteral(":resources/settings_GUI.json"));
+    Languages::use_system_language(built.gui);
     built.desired_FW_name = desired.name;
     built.desired_FW_type = desired.product.type;
     built.desired_FW_revision = desired.revision;

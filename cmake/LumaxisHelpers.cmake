@@ -36,7 +36,7 @@ function(lumaxis_add_test name)
   endif()
   set_tests_properties(${tests} PROPERTIES
     TIMEOUT ${ARG_TIMEOUT}
-    ENVIRONMENT "QT_QPA_PLATFORM=offscreen;${ARG_ENVIRONMENT}")
+    ENVIRONMENT "QT_QPA_PLATFORM=offscreen;LANGUAGE=en;${ARG_ENVIRONMENT}")
   if(ARG_LABELS)
     set_tests_properties(${tests} PROPERTIES LABELS "${ARG_LABELS}")
   endif()

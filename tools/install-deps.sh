@@ -10,6 +10,8 @@ packages=(
   libusb-1.0-0-dev
   # generated assets: the embedded tool, the fonts
   dfu-util patchelf python3 python3-fonttools fonts-open-sans
+  # Qt's own translations for its dialogs, and the glyphs of the Japanese texts
+  qt6-translations-l10n fonts-noto-cjk
   # headless runs and screenshots
   xvfb xauth xdotool x11-apps imagemagick python3-xlib
   # desktop integration and the Debian package

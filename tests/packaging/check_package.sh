@@ -54,7 +54,8 @@ done
 
 # The Qt libraries come from dpkg-shlibdeps; the rest are needs it cannot see.
 dpkg-deb -f "$deb" Depends | tr ',' '\n' | awk '{ print $1 }' >"$work/depends"
-for package in libqt6core6 libqt6gui6 libqt6widgets6 libqt6statemachine6 libudev1 qt6-qpa-plugins; do
+for package in libqt6core6 libqt6gui6 libqt6widgets6 libqt6statemachine6 libudev1 qt6-qpa-plugins \
+    qt6-translations-l10n fonts-noto-cjk; do
     grep -qxF "$package" "$work/depends" || fail "Depends lacks $package: $(dpkg-deb -f "$deb" Depends)"
 done
 
