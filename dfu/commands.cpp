@@ -101,8 +101,8 @@ CommandResult run_command(CmdID id, const QList<QString>& extra_args,
         const QByteArray chunk = process.readAllStandardOutput();
         output += chunk;
         if (on_progress && !chunk.isEmpty())
-            if (const auto record = progress.feed(chunk))
-                on_progress(*record);
+            for (const ToolProgress& record : progress.feed(chunk))
+                on_progress(record);
     };
     // A tool that cannot be started lands in the time-out branch at once, as a wait would.
     bool started = process.waitForStarted();
@@ -121,12 +121,15 @@ CommandResult run_command(CmdID id, const QList<QString>& extra_args,
         }
         if (process.state() == QProcess::NotRunning)
             break;
-        const int wait = past_first_wait ? -1 : int(left);
-        if (process.waitForReadyRead(wait))
+        if (process.waitForReadyRead(past_first_wait ? -1 : int(left))) {
             take();
-        else if (process.state() != QProcess::NotRunning)
-            // Output closed while the tool runs on: wait for its end (or the first limit).
-            process.waitForFinished(wait);
+            continue;
+        }
+        // Not ready before the first limit: the next turn logs it. Otherwise the tool closed its
+        // output and runs on: wait for its end, within the first limit while it stands.
+        const qint64 still = first_wait_ms - clock.elapsed();
+        if (process.state() != QProcess::NotRunning && (past_first_wait || still > 0))
+            process.waitForFinished(past_first_wait ? -1 : int(still));
     }
     take();
 

@@ -14,11 +14,11 @@ const QRegularExpression& record()
     return pattern;
 }
 
-// The newest record and where it ends. A record cut off at the end of what has arrived does not
-// match until its closing word "bytes" is there.
-std::optional<std::pair<ToolProgress, qsizetype>> last_record(const QString& text)
+// Every complete record in text, with where the last one ends. A record cut off at the end of
+// what has arrived does not match until its closing word "bytes" is there.
+QList<ToolProgress> records(const QString& text, qsizetype* end = nullptr)
 {
-    std::optional<std::pair<ToolProgress, qsizetype>> found;
+    QList<ToolProgress> found;
     for (const QRegularExpressionMatch& m : record().globalMatch(text)) {
         ToolProgress p;
         const QString stage = m.captured(1);
@@ -27,7 +27,9 @@ std::optional<std::pair<ToolProgress, qsizetype>> last_record(const QString& tex
                                                      : ToolProgress::Erase;
         p.percent = qMin(100, m.captured(2).toInt());
         p.bytes = m.captured(3).toLongLong();
-        found = std::make_pair(p, m.capturedEnd());
+        found << p;
+        if (end)
+            *end = m.capturedEnd();
     }
     return found;
 }
@@ -36,27 +38,28 @@ std::optional<std::pair<ToolProgress, qsizetype>> last_record(const QString& tex
 
 std::optional<ToolProgress> last_progress(const QByteArray& text)
 {
-    const auto found = last_record(QString::fromLatin1(text));
-    if (!found)
+    const QList<ToolProgress> found = records(QString::fromLatin1(text));
+    if (found.isEmpty())
         return std::nullopt;
-    return found->first;
+    return found.last();
 }
 
-std::optional<ToolProgress> ProgressReader::feed(const QByteArray& chunk)
+QList<ToolProgress> ProgressReader::feed(const QByteArray& chunk)
 {
     pending += chunk;
-    const auto found = last_record(QString::fromLatin1(pending));
-    if (!found) {
+    qsizetype end = 0;
+    const QList<ToolProgress> found = records(QString::fromLatin1(pending), &end);
+    if (found.isEmpty()) {
         // No record yet: keep only what could still be the start of one.
         const qsizetype cut = pending.lastIndexOf('\r');
         if (cut > 0)
             pending.remove(0, cut);
         if (pending.size() > 4096)
             pending = pending.right(256);
-        return std::nullopt;
+        return {};
     }
-    pending.remove(0, found->second);
-    return found->first;
+    pending.remove(0, end);
+    return found;
 }
 
 } // namespace DFU

@@ -4,6 +4,7 @@
 #include <optional>
 
 #include <QByteArray>
+#include <QList>
 #include <QtGlobal>
 
 namespace DFU {
@@ -25,11 +26,11 @@ struct ToolProgress
 std::optional<ToolProgress> last_progress(const QByteArray& text);
 
 // Feeds a run's standard output as it arrives, in pieces of any size, and hands out each new
-// record once.
+// record once, in order: a piece may hold a stage's last records and the next stage's first.
 class ProgressReader
 {
 public:
-    std::optional<ToolProgress> feed(const QByteArray& chunk);
+    QList<ToolProgress> feed(const QByteArray& chunk);
 
 private:
     QByteArray pending; // text after the last record read, which may hold the next one's start

@@ -286,10 +286,10 @@ void tst_Dfu::progress_data()
     QTest::addColumn<QString>("records"); // "stage:percent:bytes", blank-separated
 
     const QByteArray erase_done = bar("Erase   ", 100, 573088) + "\nErase    done.\n";
-    QTest::newRow("a download's stages, the newest record of each piece")
+    QTest::newRow("a download's stages, every record in order")
         << QByteArray("Opening DFU capable USB device...\n" + bar("Erase   ", 0, 0) + bar("Erase   ", 4, 24576) +
                       "|" + erase_done + bar("Download", 0, 0) + "|" + bar("Download", 52, 299008))
-        << "0:4:24576 1:0:0 1:52:299008";
+        << "0:0:0 0:4:24576 0:100:573088 1:0:0 1:52:299008";
     QTest::newRow("a record cut anywhere is taken once whole")
         << QByteArray(bar("Upload", 20, 114688).replace("114688 by", "1146|88 by").replace("\t[", "\t|["))
         << "2:20:114688";
@@ -307,8 +307,8 @@ void tst_Dfu::progress()
     DFU::ProgressReader reader;
     QStringList got;
     for (const QByteArray& piece : pieces.split('|'))
-        if (const auto p = reader.feed(piece))
-            got << QStringLiteral("%1:%2:%3").arg(p->stage).arg(p->percent).arg(p->bytes);
+        for (const DFU::ToolProgress& p : reader.feed(piece))
+            got << QStringLiteral("%1:%2:%3").arg(p.stage).arg(p.percent).arg(p.bytes);
     QCOMPARE(got.join(' '), records);
     // The whole text at once gives the newest record.
     const auto last = DFU::last_progress(QByteArray(pieces).replace('|', QByteArray()));
