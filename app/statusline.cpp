@@ -2,13 +2,26 @@
 
 #include <utility>
 
+#include <QAccessible>
 #include <QDebug>
 #include <QLabel>
 #include <QRegularExpression>
 
+namespace {
+
+QString plain(const QString& shown)
+{
+    static const QRegularExpression markup(QStringLiteral("<[^>]*>"));
+    return QString(shown).remove(markup).simplified();
+}
+
+} // namespace
+
 StatusLine::StatusLine(QLabel* label, std::function<QString(const QString& id)> text)
     : QObject(label), label(label), text(std::move(text))
 {
+    // Named from the start, so a change is announced once, by the name's change below.
+    label->setAccessibleName(plain(label->text()));
     unit_return.setSingleShot(true);
     unit_return.setInterval(unit_return_ms);
     connect(&unit_return, &QTimer::timeout, this, [this] {
@@ -108,6 +121,10 @@ void StatusLine::render()
         return;
     label->setText(shown);
     // What the user was told, in the log too: a saved log then tells the whole story.
-    static const QRegularExpression markup(QStringLiteral("<[^>]*>"));
-    qInfo().noquote() << "Status line:" << QString(shown).remove(markup).simplified();
+    const QString said = plain(shown);
+    qInfo().noquote() << "Status line:" << said;
+    // A new accessible name is announced (NameChanged); the alert reaches platforms that speak it.
+    label->setAccessibleName(said);
+    QAccessibleEvent alert(label, QAccessible::Alert);
+    QAccessible::updateAccessibility(&alert);
 }

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <utility>
 
+#include <QAccessible>
 #include <QDebug>
 
 #include "gui/progressbar.h"
@@ -117,6 +118,9 @@ void UpgradeProgress::done()
     restart_tick.stop();
     state = State::Idle;
     shown = 100;
+    // The end of the upgrade: the bar's new name says what to do now.
+    QAccessibleEvent alert(bar, QAccessible::Alert);
+    QAccessible::updateAccessibility(&alert);
 }
 
 void UpgradeProgress::abandon()

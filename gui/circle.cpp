@@ -42,9 +42,10 @@ void add_circles(const std::vector<Circle::Data>& circles, QWidget* parent)
 
 void add_circles(const std::vector<Settings::CircleData>& circles, QWidget* parent)
 {
-    std::vector<Circle::Data> data;
-    data.reserve(circles.size());
-    for (const Settings::CircleData& c : circles)
-        data.push_back({c.center, c.radius, c.pen_width, c.color});
-    add_circles(data, parent);
+    for (const Settings::CircleData& c : circles) {
+        auto* circle = new Circle({c.center, c.radius, c.pen_width, c.color}, parent);
+        // The layout's name says which button of the unit the circle points at.
+        circle->setAccessibleName(c.name);
+        circle->show();
+    }
 }

@@ -10,6 +10,7 @@
 #include <QLabel>
 #include <QRawFont>
 #include <QScreen>
+#include <QTextDocument>
 
 #include "device/products.h"
 #include "gui/installbutton.h"
@@ -50,6 +51,15 @@ bool drawn_by(const QFont& font, const QString& text)
     const QList<uint> characters = text.toUcs4();
     return std::all_of(characters.begin(), characters.end(),
                        [&](uint c) { return c == '\n' || raw.supportsCharacter(c); });
+}
+
+QString plain_text(const QString& text)
+{
+    if (!Qt::mightBeRichText(text))
+        return text.simplified();
+    QTextDocument document;
+    document.setHtml(text);
+    return document.toPlainText().simplified();
 }
 
 bool is_one_of(const QString& id, const char* a, const char* b)
@@ -129,4 +139,13 @@ void MainWindow::addLabels(bool simulator)
             label->move(scaled(data.position.x()), scaled(data.position.y()));
         label->show();
     }
+}
+
+QString MainWindow::firmwareSummary() const
+{
+    QStringList parts;
+    for (const char* id : {"2", "4"})
+        if (const Settings::LabelData* data = settings_->gui.label(QString::fromLatin1(id)))
+            parts << plain_text(filled_text(settings_, *data));
+    return parts.join(QLatin1Char(' '));
 }

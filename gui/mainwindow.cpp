@@ -7,6 +7,7 @@
 #include <QDebug>
 #include <QGuiApplication>
 #include <QKeyEvent>
+#include <QLabel>
 #include <QScreen>
 #include <QStyle>
 
@@ -107,7 +108,8 @@ void MainWindow::updateDownloadMode()
 
 void MainWindow::keyPressEvent(QKeyEvent* event)
 {
-    // The key alone decides; other keys are swallowed, not passed on.
+    // The key alone decides; other keys are swallowed, not passed on, except those that reach and
+    // press the install button from the keyboard.
     switch (event->key()) {
     case Qt::Key_A:
         toggleDownload();
@@ -115,6 +117,13 @@ void MainWindow::keyPressEvent(QKeyEvent* event)
     case Qt::Key_Escape:
     case Qt::Key_Q:
         emit finished();
+        break;
+    case Qt::Key_Tab:
+    case Qt::Key_Backtab:
+    case Qt::Key_Return:
+    case Qt::Key_Enter:
+    case Qt::Key_Space:
+        QMainWindow::keyPressEvent(event);
         break;
     default:
         break;
@@ -144,5 +153,15 @@ MainWindow* MainWindow_factory(const Settings::Settings* settings, QWidget* pare
         c.pen_width = window->scaledTruncated(c.pen_width);
     }
     add_circles(circles, window);
+
+    // What a screen reader says beside the visible texts, from the same layout.
+    const QString about = window->firmwareSummary();
+    window->install_button_->setAccessibleDescription(about);
+    window->progress_bar_->setAccessibleDescription(about);
+    if (window->status_label_)
+        window->status_label_->setAccessibleDescription(
+            settings->gui.text(QStringLiteral("access_status")));
+    for (Circle* circle : window->findChildren<Circle*>())
+        circle->setAccessibleDescription(settings->gui.text(QStringLiteral("access_circle")));
     return window;
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include <QRegularExpression>
 #include <QTimer>
 
 ProgressBar::ProgressBar(QWidget* parent)
@@ -26,6 +27,14 @@ void ProgressBar::setup_GUI()
                                  "    background-color: rgba(160,240,140,100%);\n"
                                  "    width: 5px;\n"
                                  "}\n"));
+}
+
+void ProgressBar::setFormat(const QString& format)
+{
+    QProgressBar::setFormat(format);
+    static const QRegularExpression percentage(QStringLiteral("%[pvm]%?"));
+    static const QRegularExpression trailing_colon(QStringLiteral("[\\s:\\x{ff1a}]+$"));
+    setAccessibleName(QString(format).remove(percentage).remove(trailing_colon).trimmed());
 }
 
 void ProgressBar::startAutoProgress(const QString& format, double seconds)

@@ -20,6 +20,10 @@ public:
     void setup_GUI();
 
     std::int32_t duration() const { return duration_; }
+
+    // Also names the bar for assistive technology: the phase, without the percentage that the
+    // bar's value carries. Hides QProgressBar::setFormat, which is not virtual.
+    void setFormat(const QString& format);
     QTimer* timer() const { return timer_; }
 
 signals:

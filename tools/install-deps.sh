@@ -7,6 +7,8 @@ packages=(
   # build
   cmake make g++ pkg-config
   qt6-base-dev qt6-base-dev-tools qt6-scxml-dev libgl-dev
+  # the accessibility test switches Qt's platform accessibility on through its private API
+  qt6-base-private-dev
   libusb-1.0-0-dev
   # generated assets: the embedded tool, the fonts
   dfu-util patchelf python3 python3-fonttools fonts-open-sans
