@@ -37,6 +37,14 @@ QString revision_text()
                               : settings_text("status_devRev").arg(product, revision);
 }
 
+// The bar's own captions come from the layout too, so they are translated; the English words
+// stand in when an outside layout file lacks them.
+QString caption(const char* id, const char* english)
+{
+    const QString text = settings_text(id);
+    return text.isEmpty() ? QString::fromLatin1(english) : text;
+}
+
 void show_revision_text()
 {
     statusLine->showUnit(revision_text());
@@ -105,7 +113,7 @@ void on_fw_matches()
     ProgressBar* bar = mainWindow->progressBar();
     bar->timer()->stop();
     bar->setValue(bar->maximum());
-    bar->setFormat(QStringLiteral("Done. Disconnect USB cable."));
+    bar->setFormat(caption("progress_done", "Done. Disconnect USB cable."));
     upgradeProgress->done();
     show_revision_text();
 }
@@ -176,11 +184,13 @@ void add_connections(QApplication* app)
     // The time-based runs stand until dfu-util's first progress record replaces them, and stay
     // for a tool that prints none.
     QObject::connect(sm_B, &SM_B::sig_DoDownload, [] {
-        mainWindow->progressBar()->startAutoProgress(QStringLiteral("Upgrading firmware"), 100.0);
+        mainWindow->progressBar()->startAutoProgress(
+            caption("progress_upgrading", "Upgrading firmware"), 100.0);
         upgradeProgress->downloadStarted();
     });
     QObject::connect(sm_B, &SM_B::sig_UploadingVerifying, [] {
-        mainWindow->progressBar()->startAutoProgress(QStringLiteral("Uploading & verifying"), 0.5);
+        mainWindow->progressBar()->startAutoProgress(
+            caption("progress_uploadingVerifying", "Uploading & verifying"), 0.5);
         upgradeProgress->verificationStarted();
     });
     QObject::connect(sm_B, &SM_B::sig_FwMatches, on_fw_matches);

@@ -62,6 +62,38 @@ QString filled(const QString& id, const QString& text)
     return text;
 }
 
+double luminance(QColor c)
+{
+    const auto channel = [](double v) {
+        return v <= 0.04045 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4);
+    };
+    return 0.2126 * channel(c.redF()) + 0.7152 * channel(c.greenF()) + 0.0722 * channel(c.blueF());
+}
+
+double contrast(QColor a, QColor b)
+{
+    const double la = luminance(a), lb = luminance(b);
+    return (std::max(la, lb) + 0.05) / (std::min(la, lb) + 0.05);
+}
+
+// The lowest contrast between a label's text and the background picture under it, over the
+// pixels its glyphs cover fully (their colour is the text's own, spans included).
+double lowest_contrast(QLabel* label, const QImage& background)
+{
+    QImage drawn(label->size(), QImage::Format_ARGB32);
+    drawn.fill(Qt::transparent);
+    label->render(&drawn, QPoint(), QRegion(), QWidget::DrawChildren);
+    double lowest = 21.0;
+    for (int y = 0; y < drawn.height(); ++y)
+        for (int x = 0; x < drawn.width(); ++x) {
+            const QPoint at = label->pos() + QPoint(x, y);
+            const QColor text = drawn.pixelColor(x, y);
+            if (text.alpha() == 255 && background.rect().contains(at))
+                lowest = std::min(lowest, contrast(text, background.pixelColor(at)));
+        }
+    return lowest;
+}
+
 // Where a label's text must stay: on the dark area left of the unit, in the version column,
 // inside the window.
 constexpr int left_column_end = 380;
@@ -172,7 +204,13 @@ void TestLanguages::overlay()
     settings.desired_FW_type = Device::Kestrel;
     settings.desired_FW_revision = QStringLiteral("2.3.0");
     const std::unique_ptr<MainWindow> window(MainWindow_factory(&settings, nullptr, true));
+    // The window stretches the picture over its width.
+    const QImage background = QImage(QStringLiteral(":/resources/background.jpg"))
+                                  .scaled(window->size(), Qt::IgnoreAspectRatio,
+                                          Qt::SmoothTransformation);
     for (QLabel* label : window->findChildren<QLabel*>(QString(), Qt::FindDirectChildrenOnly)) {
+        const double lowest = lowest_contrast(label, background);
+        QVERIFY2(lowest >= 4.5, qPrintable(QString::number(lowest) + ": " + label->text()));
         if (label == window->statusLabel())
             continue;
         const QSize text = label->sizeHint();
@@ -220,11 +258,18 @@ void TestLanguages::overlay()
     }
 
     const InstallButton* button = window->installButton();
+    for (QPalette::ColorGroup group : {QPalette::Active, QPalette::Disabled}) {
+        const QPalette& colours = button->palette();
+        QVERIFY(contrast(colours.color(group, QPalette::ButtonText),
+                         colours.color(group, QPalette::Button)) >= 4.5);
+    }
     QVERIFY2(button->sizeHint().width() <= button->width(), qPrintable(button->text()));
     const ProgressBar* bar = window->progressBar();
     // The bar's text sits between its 2-pixel borders, with room for "100".
-    const QStringList phases = {"progress_erasing", "progress_writing", "progress_restarting",
-                                "progress_verifying"};
+    const QStringList phases = {"progress_erasing",   "progress_writing",
+                                "progress_restarting", "progress_verifying",
+                                "progress_upgrading", "progress_uploadingVerifying",
+                                "progress_done"};
     for (const QString& id : phases) {
         const QString shown = settings.gui.text(id).replace(QLatin1String("%p"), "100");
         QVERIFY2(bar->fontMetrics().horizontalAdvance(shown) <= bar->width() - 2 * 2 - 8,
