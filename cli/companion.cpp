@@ -112,6 +112,11 @@ Companion::Selection Companion::select_unit()
         }
         if (!options.wait || stop.load())
             return {{}, no_unit_exit(true)};
+        // A unit this user may not open stays invisible to the listing: say so once, then wait.
+        const bool no_access = no_unit_exit(false) == NoPermission;
+        if (no_access && !told_no_access)
+            no_unit_exit(true);
+        told_no_access = no_access;
         pause();
     }
 }

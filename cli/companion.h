@@ -64,6 +64,7 @@ private:
     Console* const console;
     std::atomic<bool> stop{false};
     std::atomic<bool> working{false};
+    bool told_no_access = false;
 };
 
 } // namespace Cli

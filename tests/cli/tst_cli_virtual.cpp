@@ -34,6 +34,8 @@ private slots:
     void json();
     // Two units in turn, the second swapped in while the companion waits for it.
     void repeat();
+    // --wait: the unit is plugged in while the companion waits for one.
+    void wait_for_unit();
     // Ctrl+C in a terminal reaches the whole process group, dfu-util included, mid-write.
     void interrupt_mid_write();
 
@@ -234,6 +236,18 @@ void tst_CliVirtual::repeat()
     QCOMPARE(program.exitCode(), 0);
     err += QString::fromUtf8(program.readAllStandardError());
     QVERIFY2(err.contains("Signal 2: stopping."), qPrintable(err));
+}
+
+void tst_CliVirtual::wait_for_unit()
+{
+    QVERIFY(unit(QString::fromLatin1(older) + " --unplugged"));
+    QProcess program;
+    start(&program, {"upgrade", "--wait"});
+    QVERIFY(!program.waitForFinished(1000));
+    QVERIFY(unit(QStringLiteral("plug")));
+    QVERIFY(program.waitForFinished(30000));
+    QCOMPARE(program.exitCode(), 0);
+    QVERIFY(QString::fromUtf8(program.readAllStandardOutput()).contains("2.2.0 -> 2.3.0  done"));
 }
 
 void tst_CliVirtual::interrupt_mid_write()
