@@ -28,13 +28,19 @@ QString settings_text(const char* id)
     return settings.gui.text(QString::fromLatin1(id));
 }
 
-QString revision_text()
+QString revision_text(const Settings::GUI& layout)
 {
     const QString product = sm_B->device_info.OTP_info.product_name();
     // The unit's own bytes go into a rich-text label: markup in them must show as text.
     const QString revision = sm_B->device_info.FW_revision.toHtmlEscaped();
-    return revision.isEmpty() ? settings_text("status_devRevUnknown").arg(product)
-                              : settings_text("status_devRev").arg(product, revision);
+    return revision.isEmpty()
+               ? layout.text(QStringLiteral("status_devRevUnknown")).arg(product)
+               : layout.text(QStringLiteral("status_devRev")).arg(product, revision);
+}
+
+void show_revision_text()
+{
+    statusLine->showUnit(revision_text(settings.gui), revision_text(english_layout));
 }
 
 // The bar's own captions come from the layout too, so they are translated; the English words
@@ -43,11 +49,6 @@ QString caption(const char* id, const char* english)
 {
     const QString text = settings_text(id);
     return text.isEmpty() ? QString::fromLatin1(english) : text;
-}
-
-void show_revision_text()
-{
-    statusLine->showUnit(revision_text());
 }
 
 // Escape or Q: the worker stops once its current run has ended. A read-out or a write is never cut
@@ -142,7 +143,8 @@ void add_connections(QApplication* app)
 {
     MainWindow* window = mainWindow.data();
     const auto layout_text = [](const QString& id) { return settings.gui.text(id); };
-    statusLine = new StatusLine(window->statusLabel(), layout_text);
+    statusLine = new StatusLine(window->statusLabel(), layout_text,
+                                [](const QString& id) { return english_layout.text(id); });
     upgradeProgress = new UpgradeProgress(window->progressBar(), layout_text);
 
     QObject::connect(window, &MainWindow::finished, [] {
@@ -157,7 +159,9 @@ void add_connections(QApplication* app)
     QObject::connect(sm_B, &SM_B::sig_UpgradePossible, window, &MainWindow::enableDownload);
     QObject::connect(sm_B, &SM_B::sig_DeviceConnected, [] {
         const QString product = sm_B->device_info.OTP_info.product_name();
-        statusLine->showUnit(settings_text("status_devConn").arg(product));
+        const QString id = QStringLiteral("status_devConn");
+        statusLine->showUnit(settings.gui.text(id).arg(product),
+                             english_layout.text(id).arg(product));
     });
     QObject::connect(sm_B, &SM_B::sig_DifferingRevision, show_revision_text);
     QObject::connect(sm_B, &SM_B::sig_UpgradeImpossible, window, [] {

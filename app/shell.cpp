@@ -24,6 +24,7 @@
 
 QPointer<MainWindow> mainWindow;
 Settings::Settings settings;
+Settings::GUI english_layout;
 SM_B* sm_B = nullptr;
 
 void GUI_init()
@@ -63,6 +64,7 @@ void GUI_init()
 
     Settings::Settings built;
     built.gui = Settings::make_GUI(QStringLiteral(":resources/settings_GUI.json"));
+    english_layout = built.gui;
     Languages::use_system_language(built.gui);
     built.desired_FW_name = desired.name;
     built.desired_FW_type = desired.product.type;

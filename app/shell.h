@@ -6,11 +6,14 @@
 class MainWindow;
 class SM_B;
 namespace Settings {
+struct GUI;
 struct Settings;
 }
 
 extern QPointer<MainWindow> mainWindow;
 extern Settings::Settings settings;
+// The layout in English, whatever the window speaks: the log's words.
+extern Settings::GUI english_layout;
 extern SM_B* sm_B;
 
 // Builds every long-lived object in a fixed order and starts the flow; needs the application object.

@@ -17,8 +17,9 @@ QString plain(const QString& shown)
 
 } // namespace
 
-StatusLine::StatusLine(QLabel* label, std::function<QString(const QString& id)> text)
-    : QObject(label), label(label), text(std::move(text))
+StatusLine::StatusLine(QLabel* label, Lookup text, Lookup log_text)
+    : QObject(label), label(label), text(std::move(text)),
+      log_text(log_text ? std::move(log_text) : this->text)
 {
     // Named from the start, so a change is announced once, by the name's change below.
     label->setAccessibleName(plain(label->text()));
@@ -32,10 +33,11 @@ StatusLine::StatusLine(QLabel* label, std::function<QString(const QString& id)> 
     });
 }
 
-void StatusLine::showUnit(const QString& unit)
+void StatusLine::showUnit(const QString& unit, const QString& logged)
 {
     unit_shown = true;
     unit_text = unit;
+    unit_logged = logged.isEmpty() ? unit : logged;
     // A unit is back: whatever the last one left unsaid is settled by reading this one.
     unit_return.stop();
     written = Written::No;
@@ -51,8 +53,9 @@ void StatusLine::showNoUnit()
 
 void StatusLine::setStartProblem(const QString& folder, const QString& reason)
 {
-    start_problem = text(QStringLiteral("status_startFailed"))
-                        .arg(folder.toHtmlEscaped(), reason.toHtmlEscaped());
+    start_failed = true;
+    start_folder = folder;
+    start_reason = reason;
     render();
 }
 
@@ -94,37 +97,40 @@ void StatusLine::setStopping(Stopping now)
     render();
 }
 
+QString StatusLine::compose(const Lookup& look, const QString& unit) const
+{
+    if (stopping == Stopping::FinishingRun)
+        return look(QStringLiteral("status_finishingRun"));
+    if (stopping == Stopping::Stopped)
+        return look(QStringLiteral("status_stopped"));
+    if (unit_shown)
+        return unit;
+    if (start_failed)
+        return look(QStringLiteral("status_startFailed"))
+            .arg(start_folder.toHtmlEscaped(), start_reason.toHtmlEscaped());
+    if (!no_access_node.isEmpty())
+        return look(QStringLiteral("status_devNoAccess")).arg(no_access_node);
+    if (written == Written::Restarting)
+        return look(QStringLiteral("status_devRestarting"));
+    if (written == Written::NotBack)
+        return look(QStringLiteral("status_devNotBack"));
+    if (written == Written::Broken)
+        return look(QStringLiteral("status_writeBroken"));
+    if (read_failed)
+        return look(QStringLiteral("status_devReadFailed"));
+    return look(QStringLiteral("status_noDev"));
+}
+
 void StatusLine::render()
 {
-    QString shown;
-    if (stopping == Stopping::FinishingRun)
-        shown = text(QStringLiteral("status_finishingRun"));
-    else if (stopping == Stopping::Stopped)
-        shown = text(QStringLiteral("status_stopped"));
-    else if (unit_shown)
-        shown = unit_text;
-    else if (!start_problem.isEmpty())
-        shown = start_problem;
-    else if (!no_access_node.isEmpty())
-        shown = text(QStringLiteral("status_devNoAccess")).arg(no_access_node);
-    else if (written == Written::Restarting)
-        shown = text(QStringLiteral("status_devRestarting"));
-    else if (written == Written::NotBack)
-        shown = text(QStringLiteral("status_devNotBack"));
-    else if (written == Written::Broken)
-        shown = text(QStringLiteral("status_writeBroken"));
-    else if (read_failed)
-        shown = text(QStringLiteral("status_devReadFailed"));
-    else
-        shown = text(QStringLiteral("status_noDev"));
+    const QString shown = compose(text, unit_text);
     if (label->text() == shown)
         return;
     label->setText(shown);
     // What the user was told, in the log too: a saved log then tells the whole story.
-    const QString said = plain(shown);
-    qInfo().noquote() << "Status line:" << said;
+    qInfo().noquote() << "Status line:" << plain(compose(log_text, unit_logged));
     // A new accessible name is announced (NameChanged); the alert reaches platforms that speak it.
-    label->setAccessibleName(said);
+    label->setAccessibleName(plain(shown));
     QAccessibleEvent alert(label, QAccessible::Alert);
     QAccessible::updateAccessibility(&alert);
 }

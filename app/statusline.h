@@ -15,8 +15,10 @@ class StatusLine final : public QObject
     Q_DISABLE_COPY_MOVE(StatusLine)
 
 public:
-    // text(id) looks a layout text up.
-    StatusLine(QLabel* label, std::function<QString(const QString& id)> text);
+    using Lookup = std::function<QString(const QString& id)>;
+    // text(id) looks a layout text up, log_text(id) the English one for the log (text when
+    // not given): the window speaks the user's language, the log stays English.
+    StatusLine(QLabel* label, Lookup text, Lookup log_text = nullptr);
 
     // How long a unit may stay away after a write before the user is told how to bring it back.
     static constexpr int unit_return_ms = 15000;
@@ -25,7 +27,7 @@ public:
 
 public slots:
     // A connected unit's own text; it stands until no unit is connected.
-    void showUnit(const QString& text);
+    void showUnit(const QString& text, const QString& logged = QString());
     // No unit is connected: the text says why, or what to do.
     void showNoUnit();
     void setStartProblem(const QString& folder, const QString& reason);
@@ -40,15 +42,21 @@ private:
     enum class Written { No, Restarting, NotBack, Broken };
 
     void render();
+    // The line for the current state in the words of `look`; `unit` for a connected unit.
+    QString compose(const Lookup& look, const QString& unit) const;
 
     QLabel* label;
-    std::function<QString(const QString&)> text;
+    Lookup text;
+    Lookup log_text;
     QTimer unit_return;
     int download_exit_code = 0;
 
     bool unit_shown = false;
     QString unit_text;
-    QString start_problem;
+    QString unit_logged;
+    bool start_failed = false;
+    QString start_folder;
+    QString start_reason;
     QString no_access_node;
     bool read_failed = false;
     Written written = Written::No;

@@ -9,6 +9,8 @@
 #include <qpa/qplatformintegration.h>
 
 #include "app/statusline.h"
+#include "common/logcapture.h"
+#include "gui/languages.h"
 #include "app/upgradeprogress.h"
 #include "gui/circle.h"
 #include "gui/installbutton.h"
@@ -56,6 +58,7 @@ private slots:
     void announcements_data();
     void announcements();
     void keyboard();
+    void log_stays_english();
 
 private:
     Settings::Settings settings_;
@@ -196,6 +199,25 @@ void TestAccessibility::keyboard()
     QTest::keyClick(QApplication::focusWidget(), Qt::Key_Q);
     QTest::keyClick(QApplication::focusWidget(), Qt::Key_Escape);
     QCOMPARE(finished.count(), 2);
+}
+
+void TestAccessibility::log_stays_english()
+{
+    // The window speaks German, screen readers hear German, the log keeps the English words.
+    Settings::GUI german = settings_.gui;
+    Languages::apply_overlay(german, Settings::make_GUI(Languages::overlay_path("de")));
+    StatusLine status(
+        window_->statusLabel(), [&](const QString& id) { return german.text(id); },
+        [this](const QString& id) { return settings_.gui.text(id); });
+    const LogCapture log;
+    status.setNoAccess("/dev/bus/usb/001/012");
+    status.showUnit(german.text("status_devConn").arg("Vega-5"),
+                    settings_.gui.text("status_devConn").arg("Vega-5"));
+    QCOMPARE(accessible(window_->statusLabel(), QAccessible::Name),
+             QStringLiteral("Verbunden mit Vega-5."));
+    QCOMPARE(log.lines(), QStringList({"info: Status line: No permission to open the unit at "
+                                       "/dev/bus/usb/001/012: install the udev rule, then replug.",
+                                       "info: Status line: Connected to an Vega-5."}));
 }
 
 QTEST_MAIN(TestAccessibility)
