@@ -1,5 +1,10 @@
 #include "dfu/commands.h"
 
+#include <QtGlobal>
+#if defined(Q_OS_UNIX)
+#include <unistd.h>
+#endif
+
 #include <utility>
 
 #include <QDebug>
@@ -87,6 +92,11 @@ CommandResult run_command(CmdID id, const QList<QString>& extra_args,
     else if (list_start_switch().isDebugEnabled())
         qDebug() << "Start " << program << args;
 
+#if defined(Q_OS_UNIX)
+    // A process group of its own: Ctrl+C in the terminal goes to the program's group, and the
+    // tool, which dies of it, must finish a write whatever the program is asked to do.
+    process.setChildProcessModifier([] { ::setpgid(0, 0); });
+#endif
     // No shell: every argument reaches the tool exactly as given.
     process.start(program, args, QIODevice::ReadWrite);
 

@@ -103,6 +103,8 @@ public:
     {
         environment.insert(QString::fromLatin1(child_variable), QStringLiteral("1"));
         process_.setProcessEnvironment(environment);
+        // A process group of its own, as a shell gives a job, so that a test can signal it whole.
+        process_.setChildProcessModifier([] { ::setpgid(0, 0); });
         process_.start(QCoreApplication::applicationFilePath(), arguments);
         return process_.waitForStarted(10000);
     }
@@ -135,18 +137,21 @@ public:
 
     // One step of a test's script: ">command" for the window, answered within max_send_ms;
     // "!text" that must not appear within absent_ms; "kill TERM" (INT, HUP) sends the program that
-    // signal; otherwise a text that must come next within wait_ms. Returns what went wrong, or an
-    // empty text.
+    // signal ("kill -INT" its whole process group); otherwise a text that must come next within
+    // wait_ms. Returns what went wrong, or an empty text.
     QString step(const QString& step, int wait_ms = 30000, int absent_ms = 2000,
                  int max_send_ms = std::numeric_limits<int>::max())
     {
         bool ok = true;
         if (step.startsWith(QLatin1String("kill "))) {
-            const QString name = step.mid(5);
+            // "kill -INT": to the program's whole process group, as Ctrl+C in its terminal.
+            const bool group = step.at(5) == QLatin1Char('-');
+            const QString name = step.mid(group ? 6 : 5);
             const int number = name == QLatin1String("TERM") ? SIGTERM
                                : name == QLatin1String("INT") ? SIGINT
                                                               : SIGHUP;
-            ok = ::kill(pid_t(process_.processId()), number) == 0;
+            const pid_t pid = pid_t(process_.processId());
+            ok = ::kill(group ? -pid : pid, number) == 0;
         } else if (step.startsWith(QLatin1Char('>'))) {
             const int took = send(step.mid(1));
             ok = took >= 0 && took < max_send_ms;

@@ -295,6 +295,10 @@ void tst_ProgramVirtual::stopping_data()
         QStringLiteral("B3 install=1 done=0 flash=new"));
     row("window closed during the write", slow, writing + ">close|" + closes,
         QStringLiteral("B3 install=1 done=0 flash=new"));
+    // Ctrl+C reaches the terminal's whole process group: the tool in a group of its own goes on.
+    row("Ctrl+C in the terminal during the write", slow,
+        writing + "kill -INT|Received signal 2|" + closes,
+        QStringLiteral("B3 install=1 done=0 flash=new"));
     row("SIGTERM during the write", slow, writing + "kill TERM|Received signal 15|" + closes,
         QStringLiteral("B3 install=1 done=0 flash=new"));
     const QStringList stalled_read_back =
