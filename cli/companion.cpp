@@ -220,11 +220,17 @@ UnitResult Companion::work_on(const QString& serial)
         case Decision::Write: {
             // dfu-util erases first; its records then name each stage.
             console->step(QStringLiteral("Erasing"));
-            const int code = DFU::download_FW_to_device(
-                firmware_bin(), console->progress(DFU::size_of_binary_file(firmware_bin())));
-            if (code != 0) {
+            const DFU::CommandResult written =
+                DFU::run_command(DFU::download_FW, {firmware_bin()},
+                                 console->progress(DFU::size_of_binary_file(firmware_bin())));
+            // Many units reset before they answer the leave's last poll, so dfu-util fails after
+            // the whole image went out: as in the window, the read-back decides then.
+            const bool sent = written.exit_code == 0 ||
+                              written.output.contains(QLatin1String("Submitting leave request"));
+            if (!sent) {
                 result.exit = WriteFailed;
-                result.note = QStringLiteral("dfu-util ended the write with status %1").arg(code);
+                result.note = QStringLiteral("dfu-util ended the write with status %1")
+                                  .arg(written.exit_code);
             } else if (!wait_for_return(serial)) {
                 result.exit = VerificationFailed;
                 result.note = QStringLiteral("the unit did not come back after the write");

@@ -131,6 +131,9 @@ void tst_CliVirtual::commands_data()
         "identity area is blank");
     row("pulled mid-write", {"inject --unplug-after 100000 --direction download"}, {"upgrade"},
         8, "other", "write-failed");
+    // dfu-util fails the leave's last poll after the whole image went out: the read-back decides.
+    row("leave's last poll fails", {"inject --leave-status-fails --once"}, {"upgrade"}, 0, "new",
+        "2.2.0 -> 2.3.0  done");
     // The write lands; the read-back lies.
     row("read-back differs", {"inject --flip-byte 0x08010000"}, {"upgrade"}, 9, "new",
         "2.2.0 -> -  verification-failed");
