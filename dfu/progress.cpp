@@ -10,7 +10,7 @@ namespace {
 const QRegularExpression& record()
 {
     static const QRegularExpression pattern(
-        QStringLiteral("(Erase   |Download|Upload)\\t\\[[= ]*\\] *(\\d{1,3})% *(\\d+) bytes"));
+        QStringLiteral("(Erase   |Download|Upload)\\t\\[[= ]{25}\\] *(\\d{1,3})% *(\\d+) bytes"));
     return pattern;
 }
 

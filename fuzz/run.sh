@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Runs each fuzz target for SECONDS, one after another on one core, and sums up what they did.
-# Usage: fuzz/run.sh BUILD_DIR SECONDS [TARGET...]   (targets: listing otpinfo fwinfo settings)
+# Usage: fuzz/run.sh BUILD_DIR SECONDS [TARGET...]   (targets: listing progress otpinfo fwinfo settings)
 # The corpus each run grows is kept in BUILD_DIR/fuzz-work/TARGET/corpus for the next run; inputs
 # that crash land beside it as crash-*, leak-*, timeout-* files.
 set -uo pipefail
@@ -10,7 +10,7 @@ seconds=$2
 shift 2
 targets=("$@")
 if [ "${#targets[@]}" -eq 0 ]; then
-    targets=(listing otpinfo fwinfo settings)
+    targets=(listing progress otpinfo fwinfo settings)
 fi
 
 work=$build/fuzz-work
