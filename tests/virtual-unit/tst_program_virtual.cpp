@@ -2,6 +2,8 @@
 // real dfu-util against a unit made and faulted by the control program, one run per row. Every
 // row ends with the same checks: the flow's last state, the Install button, whether "Done" was
 // shown, what the unit's flash holds, a clean exit and the extracted files' folder gone.
+#include <utility>
+
 #include <QDir>
 #include <QFile>
 #include <QProcess>
@@ -19,9 +21,37 @@ const QString older =
     QStringLiteral("create --type 3 --revision 2.2.0 --timing fast --absent-ms 500");
 
 // Control commands: the older unit, then one inject.
-QStringList with(const char* inject)
+QStringList with(const QString& inject)
 {
-    return {older, QStringLiteral("inject ") + QLatin1String(inject)};
+    return {older, QStringLiteral("inject ") + inject};
+}
+
+void row(const QByteArray& name, const QStringList& setup, const QString& steps,
+         const QString& expect)
+{
+    QTest::newRow(name.constData()) << setup << steps << expect;
+}
+
+// The faults a transfer can meet: the unit pulled, a stall of a second, a transfer error.
+struct Fault
+{
+    const char* name;
+    const char* option;
+    const char* more;
+    bool pulled;
+};
+const Fault faults[] = {{"unit pulled", "--unplug-after", "", true},
+                        {"stalls", "--stall-after", " --stall-ms 1000", false},
+                        {"transfer error", "--fail-after", "", false}};
+
+// The older unit with one fault, once, when a transfer crosses `after` data bytes (or erase
+// commands, for the direction "erase").
+QStringList with(const Fault& fault, long long after, const char* direction)
+{
+    return with(QStringLiteral("%1 %2 --direction %3 --once%4")
+                    .arg(QLatin1String(fault.option))
+                    .arg(after)
+                    .arg(QLatin1String(direction), QLatin1String(fault.more)));
 }
 
 // Steps split at "|" (programrun.h), plus "unit ..." for the control program.
@@ -140,22 +170,12 @@ void tst_ProgramVirtual::reading_data()
     const QString read_again = QStringLiteral("Reading the unit failed|") + offered;
     const QString back = QStringLiteral("Exit with 74|!entered B2|unit plug|") + offered;
     const QString on_offer = QStringLiteral("B2 install=1 done=0 flash=old");
-    const auto row = [](const char* name, const QStringList& setup, const QString& steps,
-                        const QString& expect) { QTest::newRow(name) << setup << steps << expect; };
 
-    row("OTP read: unit pulled", with("--unplug-after 100 --direction upload --once"), back,
-        on_offer);
-    row("OTP read: stalls", with("--stall-after 100 --stall-ms 1000 --direction upload --once"),
-        read_again, on_offer);
-    row("OTP read: transfer error", with("--fail-after 100 --direction upload --once"), read_again,
-        on_offer);
+    for (const auto& [place, after] : {std::pair{"OTP read", 100}, {"info read", 1000}})
+        for (const Fault& fault : faults)
+            row(QByteArray(place) + ": " + fault.name, with(fault, after, "upload"),
+                fault.pulled ? back : read_again, on_offer);
     row("OTP read: short", with("--short-after 8 --once"), read_again, on_offer);
-    row("info read: unit pulled", with("--unplug-after 1000 --direction upload --once"), back,
-        on_offer);
-    row("info read: stalls", with("--stall-after 1000 --stall-ms 1000 --direction upload --once"),
-        read_again, on_offer);
-    row("info read: transfer error", with("--fail-after 1000 --direction upload --once"),
-        read_again, on_offer);
     row("info read: short", with("--short-after 1000 --once"), read_again, on_offer);
     // The block as it came: its revision text no longer the carried one, so it is offered.
     row("info read: a byte flipped", with("--flip-byte 0x08000210 --once"), offered, on_offer);
@@ -198,8 +218,6 @@ void tst_ProgramVirtual::writing_data()
     // The whole image is missing but the information block: the unit is offered for repair.
     const QString emptied = QStringLiteral("B2 install=1 done=0 flash=other");
     const QString unplugged_download = QStringLiteral("entered B2|>click|entered B3|entered B1|");
-    const auto row = [](const char* name, const QStringList& setup, const QString& steps,
-                        const QString& expect) { QTest::newRow(name) << setup << steps << expect; };
 
     // The bar follows dfu-util through each phase.
     row("complete upgrade", {older},
@@ -207,34 +225,29 @@ void tst_ProgramVirtual::writing_data()
                        "% progress_restarting|entered B1|% progress_verifying|entered B4|") +
             done,
         written);
-    // The third erase: the first sectors, information block and all, are already blank. Then the
-    // data: 573088 bytes, the first block ends at 2048, the last begins at 571392.
-    row("erase: unit pulled", with("--unplug-after 2 --direction erase --once"),
-        unplugged_download + "unit plug|" + offered, emptied);
-    row("erase: stalls", with("--stall-after 2 --stall-ms 1000 --direction erase --once"),
-        unplugged_download + offered, emptied);
-    row("erase: transfer error", with("--fail-after 2 --direction erase --once"),
-        unplugged_download + offered, emptied);
-    row("first block: unit pulled", with("--unplug-after 0 --direction download --once"),
-        unplugged_download + "unit plug|" + offered, emptied);
-    row("first block: stalls", with("--stall-after 0 --stall-ms 1000 --direction download --once"),
-        unplugged_download + offered, emptied);
-    row("first block: transfer error", with("--fail-after 0 --direction download --once"),
-        unplugged_download + offered, emptied);
-    row("middle block: unit pulled", with("--unplug-after 286000 --direction download --once"),
-        unplugged_download + "unit plug|entered B4|" + differs, broken);
-    row("middle block: stalls",
-        with("--stall-after 286000 --stall-ms 1000 --direction download --once"), upgrade + differs,
-        broken);
-    row("middle block: transfer error", with("--fail-after 286000 --direction download --once"),
-        upgrade + differs, broken);
-    row("last block: unit pulled", with("--unplug-after 571400 --direction download --once"),
-        unplugged_download + "unit plug|entered B4|" + differs, broken);
-    row("last block: stalls",
-        with("--stall-after 571400 --stall-ms 1000 --direction download --once"), upgrade + differs,
-        broken);
-    row("last block: transfer error", with("--fail-after 571400 --direction download --once"),
-        upgrade + differs, broken);
+    // The third erase: the first sectors, information block and all, are already blank, and the
+    // unit is offered the install again. Then the data: 573088 bytes, the first block ends at
+    // 2048, the last begins at 571392; a unit broken off there names the new revision and
+    // differs.
+    const struct
+    {
+        const char* name;
+        long long after;
+        const char* direction;
+        bool blank;
+    } places[] = {{"erase", 2, "erase", true},
+                  {"first block", 0, "download", true},
+                  {"middle block", 286000, "download", false},
+                  {"last block", 571400, "download", false}};
+    for (const auto& place : places)
+        for (const Fault& fault : faults) {
+            const QString steps =
+                place.blank    ? unplugged_download + (fault.pulled ? "unit plug|" : "") + offered
+                : fault.pulled ? unplugged_download + "unit plug|entered B4|" + differs
+                               : upgrade + differs;
+            row(QByteArray(place.name) + ": " + fault.name,
+                with(fault, place.after, place.direction), steps, place.blank ? emptied : broken);
+        }
     // dfu-util fails the leave although the image is written: the read-back decides.
     row("leave's last poll fails", with("--leave-status-fails --once"), upgrade + done, written);
     // The unit runs its new firmware and stays away: the user is told how to have it verified.
@@ -287,8 +300,6 @@ void tst_ProgramVirtual::stopping_data()
     const QString closes =
         QStringLiteral("Closing waits for the running transfer|Status line: Finishing the running "
                        "transfer|>state|visible=1|The transfer has ended; closing");
-    const auto row = [](const char* name, const QStringList& setup, const QString& steps,
-                        const QString& expect) { QTest::newRow(name) << setup << steps << expect; };
 
     row("Escape during the write", slow,
         writing + ">key Escape|Oops, SM_A not dead yet|" + finishing + stopped,
