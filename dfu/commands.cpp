@@ -2,6 +2,8 @@
 
 #include <QtGlobal>
 #if defined(Q_OS_UNIX)
+#include <csignal>
+#include <pthread.h>
 #include <unistd.h>
 #endif
 
@@ -94,11 +96,24 @@ CommandResult run_command(CmdID id, const QList<QString>& extra_args,
 
 #if defined(Q_OS_UNIX)
     // A process group of its own: Ctrl+C in the terminal goes to the program's group, and the
-    // tool, which dies of it, must finish a write whatever the program is asked to do.
-    process.setChildProcessModifier([] { ::setpgid(0, 0); });
+    // tool, which dies of it, must finish a write whatever the program is asked to do. The
+    // signals stay blocked from before the fork until the child has left the group, so that one
+    // sent in between waits rather than reaching it there.
+    sigset_t terminating, before;
+    sigemptyset(&terminating);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP})
+        sigaddset(&terminating, number);
+    pthread_sigmask(SIG_BLOCK, &terminating, &before);
+    process.setChildProcessModifier([&terminating] {
+        ::setpgid(0, 0);
+        pthread_sigmask(SIG_UNBLOCK, &terminating, nullptr);
+    });
 #endif
     // No shell: every argument reaches the tool exactly as given.
     process.start(program, args, QIODevice::ReadWrite);
+#if defined(Q_OS_UNIX)
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+#endif
 
     // The output is read as it comes, so that progress records reach the caller while the tool
     // runs; the run itself is waited for as a whole, first for 30 s, then without limit.

@@ -294,7 +294,7 @@ void tst_ProgramVirtual::stopping_data()
     // Each dfu-util poll waits 3 ms: a write of about 4 s, so the key comes while it runs. Install
     // stays enabled while the flow writes, as it always has; a click there is dropped.
     const QStringList slow{older, QStringLiteral("inject --poll-ms 3")};
-    const QString writing = QStringLiteral("entered B2|>click|entered B3|\"-D\"|");
+    const QString writing = QStringLiteral("entered B2|>click|entered B3|\"-D\"|% progress_erasing|");
     const QString finishing = QStringLiteral("Status line: Finishing the running transfer|");
     const QString stopped = QStringLiteral("Status line: Stopped|");
     const QString closes =
