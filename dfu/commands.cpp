@@ -2,17 +2,18 @@
 
 #include <QtGlobal>
 #if defined(Q_OS_UNIX)
-#include <csignal>
 #include <pthread.h>
 #include <unistd.h>
 #endif
 
 #include <utility>
 
+#include <QDeadlineTimer>
 #include <QDebug>
-#include <QElapsedTimer>
 #include <QLoggingCategory>
 #include <QProcess>
+
+#include "support/terminatingsignals.h"
 
 namespace DFU {
 
@@ -57,6 +58,9 @@ QMap<CmdID, Command> commands = {
                          QStringLiteral("0"), QStringLiteral("-s"),
                          QStringLiteral("0x08000000:leave"), QStringLiteral("-D")})},
     {setup_prepared_config, entry({})},
+    {download_FW_staying, entry({QStringLiteral("-d"), unit_in_dfu_mode, QStringLiteral("-a"),
+                                 QStringLiteral("0"), QStringLiteral("-s"),
+                                 QStringLiteral("0x08000000"), QStringLiteral("-D")})},
 };
 
 Command::operator QString() const
@@ -78,86 +82,93 @@ CommandResult run_command(CmdID id, const QList<QString>& extra_args)
     return run_command(id, extra_args, {});
 }
 
-CommandResult run_command(CmdID id, const QList<QString>& extra_args,
-                          const ProgressHandler& on_progress)
+namespace {
+
+RunObserver run_observer;
+
+// Starts the tool, without a shell, so every argument reaches it exactly as given. On Unix in a
+// process group of its own: Ctrl+C in the terminal goes to the program's group, and the tool, which
+// dies of it, must finish a write whatever the program is asked to do. The terminating signals
+// stay blocked from before the fork until the child has left the group and unblocked them, so that
+// one sent in between waits rather than reaching it there. Whether it started is waited for.
+bool start_in_own_group(QProcess& process, const QString& program, const QList<QString>& args)
 {
-    QProcess process;
-
-    const QList<QString> args = arguments(id, extra_args);
-    const Command& command = commands[id];
-    const QString program = Command::path.isEmpty()
-                                ? command.program
-                                : Command::path + QLatin1Char('/') + command.program;
-
-    if (id != list)
-        qInfo() << "Start " << program << args;
-    else if (list_start_switch().isDebugEnabled())
-        qDebug() << "Start " << program << args;
-
 #if defined(Q_OS_UNIX)
-    // A process group of its own: Ctrl+C in the terminal goes to the program's group, and the
-    // tool, which dies of it, must finish a write whatever the program is asked to do. The
-    // signals stay blocked from before the fork until the child has left the group, so that one
-    // sent in between waits rather than reaching it there.
-    sigset_t terminating, before;
-    sigemptyset(&terminating);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP})
-        sigaddset(&terminating, number);
+    const sigset_t terminating = support::terminating_signal_set();
+    sigset_t before;
     pthread_sigmask(SIG_BLOCK, &terminating, &before);
     process.setChildProcessModifier([&terminating] {
         ::setpgid(0, 0);
         pthread_sigmask(SIG_UNBLOCK, &terminating, nullptr);
     });
 #endif
-    // No shell: every argument reaches the tool exactly as given.
     process.start(program, args, QIODevice::ReadWrite);
 #if defined(Q_OS_UNIX)
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 #endif
+    return process.waitForStarted();
+}
 
-    // The output is read as it comes, so that progress records reach the caller while the tool
-    // runs; the run itself is waited for as a whole, first for 30 s, then without limit.
-    QByteArray output;
-    ProgressReader progress;
-    QElapsedTimer clock;
-    clock.start();
-    bool past_first_wait = false;
-    const auto take = [&] {
+// A running tool's standard output, read as it comes, so that progress records reach the caller
+// while the tool runs.
+class Output
+{
+public:
+    explicit Output(const ProgressHandler& on_progress) : on_progress(on_progress) {}
+
+    void take(QProcess& process)
+    {
         const QByteArray chunk = process.readAllStandardOutput();
-        output += chunk;
+        text += chunk;
         if (on_progress && !chunk.isEmpty())
-            for (const ToolProgress& record : progress.feed(chunk))
+            for (const ToolProgress& record : reader.feed(chunk))
                 on_progress(record);
-    };
-    // A tool that cannot be started lands in the time-out branch at once, as a wait would.
-    bool started = process.waitForStarted();
-    while (!past_first_wait || process.state() != QProcess::NotRunning) {
-        const qint64 left = first_wait_ms - clock.elapsed();
-        if (!past_first_wait && (left <= 0 || !started)) {
-            take();
-            qInfo() << "waitForFinished(): Process did not finish in time, exit status:"
-                    << process.exitStatus() << "and output:" << QString::fromUtf8(output);
-            // A slow transfer must never be cut off half-way, so it is not killed.
-            qInfo() << "will wait again, forever";
-            // What the time-out line showed is not part of the result.
-            output.clear();
-            past_first_wait = true;
-            continue;
-        }
-        if (process.state() == QProcess::NotRunning)
-            break;
-        if (process.waitForReadyRead(past_first_wait ? -1 : int(left))) {
-            take();
-            continue;
-        }
-        // Not ready before the first limit: the next turn logs it. Otherwise the tool closed its
-        // output and runs on: wait for its end, within the first limit while it stands.
-        const qint64 still = first_wait_ms - clock.elapsed();
-        if (process.state() != QProcess::NotRunning && (past_first_wait || still > 0))
-            process.waitForFinished(past_first_wait ? -1 : int(still));
     }
-    take();
 
+    QByteArray text;
+
+private:
+    const ProgressHandler& on_progress;
+    ProgressReader reader;
+};
+
+// The first wait is over: say so, and go on without limit. A slow transfer must never be cut off
+// half-way, so the tool is not killed; what the time-out line showed is not part of the result.
+void log_first_wait_over(const QProcess& process, Output& output)
+{
+    qInfo() << "waitForFinished(): Process did not finish in time, exit status:"
+            << process.exitStatus() << "and output:" << QString::fromUtf8(output.text);
+    qInfo() << "will wait again, forever";
+    output.text.clear();
+}
+
+// Reads the tool's output until it ends: within the first 30 s, then, once that is logged, without
+// limit. A tool that could not be started lands in the time-out branch at once, as a wait would.
+void wait_for_end(QProcess& process, bool started, Output& output)
+{
+    QDeadlineTimer first_wait(started ? first_wait_ms : 0);
+    while (!first_wait.hasExpired() && process.state() != QProcess::NotRunning) {
+        if (process.waitForReadyRead(int(first_wait.remainingTime())))
+            output.take(process);
+        else if (process.state() != QProcess::NotRunning && !first_wait.hasExpired())
+            // The tool closed its output and runs on: wait for its end within the limit.
+            process.waitForFinished(int(first_wait.remainingTime()));
+    }
+    if (!started || process.state() != QProcess::NotRunning) {
+        output.take(process);
+        log_first_wait_over(process, output);
+        while (process.state() != QProcess::NotRunning) {
+            if (process.waitForReadyRead(-1))
+                output.take(process);
+            else if (process.state() != QProcess::NotRunning)
+                process.waitForFinished(-1);
+        }
+    }
+    output.take(process);
+}
+
+CommandResult result_of(const QProcess& process, const QByteArray& output)
+{
     CommandResult result;
     result.output = QString::fromUtf8(output);
     if (process.exitStatus() == QProcess::CrashExit)
@@ -168,10 +179,64 @@ CommandResult run_command(CmdID id, const QList<QString>& extra_args,
         result.exit_code = 0;
     else
         result.exit_code = process.exitCode();
+    return result;
+}
+
+} // namespace
+
+QString command_name(CmdID id)
+{
+    switch (id) {
+    case version:
+        return QStringLiteral("version");
+    case list:
+        return QStringLiteral("list");
+    case upload_OTP:
+        return QStringLiteral("upload_OTP");
+    case upload_FW_info:
+        return QStringLiteral("upload_FW_info");
+    case upload_FW:
+        return QStringLiteral("upload_FW");
+    case download_FW:
+        return QStringLiteral("download_FW");
+    case setup_prepared_config:
+        return QStringLiteral("setup_prepared_config");
+    case download_FW_staying:
+        break;
+    }
+    return QStringLiteral("download_FW_staying");
+}
+
+void observe_runs(RunObserver observer)
+{
+    run_observer = std::move(observer);
+}
+
+CommandResult run_command(CmdID id, const QList<QString>& extra_args,
+                          const ProgressHandler& on_progress)
+{
+    const QList<QString> args = arguments(id, extra_args);
+    const Command& command = commands[id];
+    const QString program = Command::path.isEmpty()
+                                ? command.program
+                                : Command::path + QLatin1Char('/') + command.program;
+    if (id != list)
+        qInfo() << "Start " << program << args;
+    else if (list_start_switch().isDebugEnabled())
+        qDebug() << "Start " << program << args;
+
+    QProcess process;
+    const bool started = start_in_own_group(process, program, args);
+    Output output(on_progress);
+    wait_for_end(process, started, output);
+
+    const CommandResult result = result_of(process, output.text);
     if (result.exit_code != 0) {
         qInfo() << "Exit with" << result.exit_code << "from" << program << args
                 << "returned:" << result.output;
     }
+    if (run_observer)
+        run_observer(id, result.exit_code);
     return result;
 }
 

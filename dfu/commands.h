@@ -19,6 +19,8 @@ enum CmdID : int {
     upload_FW = 4,
     download_FW = 5,
     setup_prepared_config = 6,
+    // The write without the leave: the unit stays in its bootloader to be read back first.
+    download_FW_staying = 7,
 };
 
 struct Command
@@ -45,13 +47,20 @@ struct CommandResult
 // Mutable on purpose: the simulator rewrites entries at start-up. Look-ups insert on miss.
 extern QMap<CmdID, Command> commands;
 
+// The table's name of a command ("download_FW"), for records and logs.
+QString command_name(CmdID id);
+
+// Told of every finished run, on the thread that ran it, for a caller that keeps a record of its
+// runs; an empty observer stops it.
+using RunObserver = std::function<void(CmdID id, int exit_code)>;
+void observe_runs(RunObserver observer);
+
 // What run_command passes to the tool: the serial selection, the table's arguments, extra_args.
 QList<QString> arguments(CmdID id, const QList<QString>& extra_args);
 
 CommandResult run_command(CmdID id, const QList<QString>& extra_args);
 // The same, handing each progress record the tool prints to on_progress while it runs, on the
 // calling thread.
-using ProgressHandler = std::function<void(const ToolProgress&)>;
 CommandResult run_command(CmdID id, const QList<QString>& extra_args,
                           const ProgressHandler& on_progress);
 

@@ -1,6 +1,7 @@
 #include "dfu/deviceinfo.h"
 
 #include <QFile>
+#include <QThread>
 
 #include "support/buildinfo.h"
 #include "support/files.h"
@@ -121,6 +122,14 @@ int download_FW_to_device(const QString& path, const ProgressHandler& on_progres
     return run_command(download_FW, {path}, on_progress).exit_code;
 }
 
+Upgrade::WriteEnd write_FW(const QString& path, bool leave, const ProgressHandler& on_progress)
+{
+    Upgrade::WriteTally tally(on_progress);
+    const int exit_code =
+        run_command(leave ? download_FW : download_FW_staying, {path}, tally.handler()).exit_code;
+    return Upgrade::write_end(exit_code, tally.bytes_written(), size_of_binary_file(path));
+}
+
 int upload_FW_from_device(const QString& target, int byte_count,
                           const ProgressHandler& on_progress)
 {
@@ -133,32 +142,57 @@ int upload_FW_from_device(const QString& target, int byte_count,
         .exit_code;
 }
 
+int leave_bootloader(const QString& target)
+{
+    support_misc::ensure_file_is_deleted(target);
+    const int exit_code =
+        run_command(upload_FW, {QStringLiteral("-s"),
+                                QStringLiteral("0x08000000:%1:leave").arg(transfer_size),
+                                QStringLiteral("-U"), target})
+            .exit_code;
+    support_misc::ensure_file_is_deleted(target);
+    return exit_code;
+}
+
 int whole_blocks(int byte_count)
 {
     return (byte_count + transfer_size - 1) / transfer_size * transfer_size;
 }
 
-bool upload_and_compare_FW_bin(const QString& reference, const QString& target,
+Upgrade::ReadBack read_back_FW(const QString& reference, const QString& target,
                                const ProgressHandler& on_progress)
 {
-    const int size = size_of_binary_file(reference);
-    if (size < 1)
-        return false;
+    QFile file(reference);
+    const QByteArray image = file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
     // Whole blocks only: bootloaders differ in where they read a short last block from (at the
     // transfer size's stride or at the requested length's), and a whole block reads the same on
     // every one of them. The flash beyond the image is read along and not compared.
-    const int read_back = whole_blocks(size);
-    if (upload_FW_from_device(target, read_back, on_progress) != 0)
-        return false;
-    CommandResult result;
-    if (!complete_read_out(target, read_back, &result))
-        return false;
-    QFile a(reference);
-    QFile b(target);
-    if (!a.open(QIODevice::ReadOnly) || !b.open(QIODevice::ReadOnly))
-        return false;
-    // Exact bytes: a read-back that misses one block must not pass.
-    return a.readAll() == b.read(size);
+    const int asked = whole_blocks(int(image.size()));
+    Upgrade::ReadBack judged;
+    for (int attempt = 1; attempt <= Upgrade::read_attempts && !image.isEmpty(); ++attempt) {
+        const int exit_code = upload_FW_from_device(target, asked, on_progress);
+        QFile read(target);
+        judged = Upgrade::judge_read_back(
+            image, exit_code == 0 && read.open(QIODevice::ReadOnly) ? read.readAll() : QByteArray(),
+            asked);
+        // A complete read-back is final, whether it matches or not.
+        if (judged.complete)
+            break;
+        CommandResult result;
+        if (exit_code == 0)
+            complete_read_out(target, asked, &result);
+        if (attempt < Upgrade::read_attempts) {
+            qInfo() << "Reading back failed, attempt" << attempt << "of" << Upgrade::read_attempts;
+            QThread::msleep(Upgrade::retry_pause_ms);
+        }
+    }
+    return judged;
+}
+
+bool upload_and_compare_FW_bin(const QString& reference, const QString& target,
+                               const ProgressHandler& on_progress)
+{
+    return read_back_FW(reference, target, on_progress).matches;
 }
 
 int size_of_binary_file(const QString& path)
@@ -194,6 +228,11 @@ const Device::FW_Info& desired_FW_Info()
 {
     static const Device::FW_Info cached = read_FW_Info_from_desired_FW();
     return cached;
+}
+
+Upgrade::Carried carried_firmware()
+{
+    return {desired_FW_Info().product.type, desired_FW_Info().revision};
 }
 
 } // namespace DFU

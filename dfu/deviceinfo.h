@@ -9,6 +9,7 @@
 #include "device/otpinfo.h"
 #include "device/products.h"
 #include "dfu/commands.h"
+#include "dfu/upgraderules.h"
 
 namespace DFU {
 
@@ -39,8 +40,19 @@ Device::FW_Info read_FW_Info(const DeviceItem* device);
 // EX_TEMPFAIL: the unit is to be read again).
 constexpr int short_read_exit_code = 75;
 
-// Both hand dfu-util's progress records to on_progress while they run.
+// All hand dfu-util's progress records to on_progress while they run.
 int download_FW_to_device(const QString& path, const ProgressHandler& on_progress = {});
+// Writes the image and judges the write's end. With leave the unit starts its firmware at the
+// end (the window's flow verifies it when it is back); without, it stays in its bootloader to be
+// read back first.
+Upgrade::WriteEnd write_FW(const QString& path, bool leave, const ProgressHandler& on_progress = {});
+// Reads whole_blocks(reference's size) back into target and judges it against the reference; a
+// read-back that fails or comes back short is tried up to Upgrade::read_attempts times.
+Upgrade::ReadBack read_back_FW(const QString& reference, const QString& target,
+                               const ProgressHandler& on_progress = {});
+// Tells a unit in its bootloader to start its firmware: one short read that ends with the leave
+// request (dfu-util's ":leave" after an upload), read into target. The tool's exit code.
+int leave_bootloader(const QString& target);
 int upload_FW_from_device(const QString& target, int byte_count,
                           const ProgressHandler& on_progress = {});
 // The byte count rounded up to whole transfer blocks (2048 bytes).
@@ -55,6 +67,8 @@ bool compare_FW_bin_files(const QString& first, const QString& second);
 Device::FW_Info read_FW_Info_from_desired_FW();
 // Read once, on the first call (at start-up, before the worker thread exists), never refreshed.
 const Device::FW_Info& desired_FW_Info();
+// What the rules compare a unit with: desired_FW_Info's product and revision.
+Upgrade::Carried carried_firmware();
 
 } // namespace DFU
 

@@ -22,9 +22,9 @@ QList<ToolProgress> records(const QString& text, qsizetype* end = nullptr)
     for (const QRegularExpressionMatch& m : record().globalMatch(text)) {
         ToolProgress p;
         const QString stage = m.captured(1);
-        p.stage = stage == QLatin1String("Download") ? ToolProgress::Download
-                  : stage == QLatin1String("Upload") ? ToolProgress::Upload
-                                                     : ToolProgress::Erase;
+        p.stage = stage == QLatin1String("Download") ? Phase::Writing
+                  : stage == QLatin1String("Upload") ? Phase::Verifying
+                                                     : Phase::Erasing;
         p.percent = qMin(100, m.captured(2).toInt());
         p.bytes = m.captured(3).toLongLong();
         found << p;

@@ -1,18 +1,24 @@
 // dfu-util's progress lines, read while it runs: "\rDownload\t[=====    ]  20%       114688 bytes".
 #pragma once
 
+#include <functional>
 #include <optional>
 
 #include <QByteArray>
 #include <QList>
+#include <QMetaType>
 #include <QtGlobal>
 
 namespace DFU {
 
+// The phases of an upgrade, one type from dfu-util's output to the bar: the tool's stages
+// ("Erase", "Download", "Upload") are Erasing, Writing and Verifying; Restarting is the unit's
+// restart between the write and the read-back, which no tool reports.
+enum class Phase { Erasing, Writing, Restarting, Verifying };
+
 struct ToolProgress
 {
-    enum Stage { Erase, Download, Upload };
-    Stage stage = Erase;
+    Phase stage = Phase::Erasing;
     int percent = 0;  // of the stage, as dfu-util prints it
     qint64 bytes = 0; // the stage's count so far
     bool operator==(const ToolProgress& o) const
@@ -20,6 +26,9 @@ struct ToolProgress
         return stage == o.stage && percent == o.percent && bytes == o.bytes;
     }
 };
+
+// Handed each progress record of a run while it runs.
+using ProgressHandler = std::function<void(const ToolProgress&)>;
 
 // The last complete progress record in text, if any. dfu-util redraws one line with carriage
 // returns, so only the newest record counts.
@@ -37,3 +46,5 @@ private:
 };
 
 } // namespace DFU
+
+Q_DECLARE_METATYPE(DFU::Phase)
