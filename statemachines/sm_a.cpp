@@ -136,13 +136,7 @@ template <typename F> auto SM_A::transfer(F f)
 DFU::ProgressHandler SM_A::progress_to(qint64 total)
 {
     return [this, total](const DFU::ToolProgress& record) {
-        const Stage stage = record.stage == DFU::ToolProgress::Erase      ? Stage::Erasing
-                            : record.stage == DFU::ToolProgress::Download ? Stage::Writing
-                                                                          : Stage::Verifying;
-        // The byte count is finer than the printed percentage.
-        const double fraction =
-            total > 0 ? double(record.bytes) / double(total) : record.percent / 100.0;
-        emit sig_Progress(stage, qBound(0.0, fraction, 1.0));
+        emit sig_Progress(record.stage, Upgrade::fraction(record, total));
     };
 }
 
@@ -217,10 +211,10 @@ void SM_A::run()
             }
             failed_reads = item.serial == failed_serial ? failed_reads + 1 : 1;
             failed_serial = item.serial;
-            if (failed_reads < read_attempts) {
+            if (failed_reads < Upgrade::read_attempts) {
                 // Start a new cycle: the unit is read again if the next scan still finds it.
                 qInfo() << "Reading the unit failed, attempt" << failed_reads << "of"
-                        << read_attempts;
+                        << Upgrade::read_attempts;
                 position = Position::A0;
                 break;
             }
@@ -276,12 +270,12 @@ void SM_A::run()
         case Position::A5: {
             emit sig_A5_entered();
             emit sig_FwDownloading();
-            const int exit_code = transfer([this] {
-                return DFU::download_FW_to_device(
-                    desired_FW_bin, progress_to(DFU::size_of_binary_file(desired_FW_bin)));
+            const Upgrade::WriteEnd end = transfer([this] {
+                return DFU::write_FW(desired_FW_bin, true,
+                                     progress_to(DFU::size_of_binary_file(desired_FW_bin)));
             });
-            // Whatever the exit code: the verification that follows tells the truth.
-            emit sig_FwDownloaded(exit_code);
+            // Whatever its end: the verification that follows tells the truth.
+            emit sig_FwDownloaded(end);
             // The unit leaves its bootloader; start afresh so it is read again when it is back.
             position = Position::A0;
             break;
@@ -291,9 +285,9 @@ void SM_A::run()
             emit sig_FwUploading();
             if (!transfer([this] {
                     const int read_back = DFU::whole_blocks(DFU::size_of_binary_file(desired_FW_bin));
-                    return DFU::upload_and_compare_FW_bin(desired_FW_bin, uploaded_FW_bin,
-                                                          progress_to(read_back));
-                })) {
+                    return DFU::read_back_FW(desired_FW_bin, uploaded_FW_bin,
+                                             progress_to(read_back));
+                }).matches) {
                 qDebug() << "Uploaded FW does not match";
                 emit sig_FwUploadedDiffers();
             } else {

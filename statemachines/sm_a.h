@@ -24,15 +24,6 @@ public:
     };
     Q_ENUM(Command)
 
-    // The stages of a transfer that the worker reports progress of.
-    enum class Stage : qint32 { Erasing, Writing, Verifying };
-    Q_ENUM(Stage)
-
-    // A unit whose read-out fails is read this many times before it is reported as faulty: a
-    // unit that is still enumerating (after its restart, or before udev granted access) refuses
-    // the first opens.
-    static constexpr int read_attempts = 3;
-
     SM_A(QString desired_FW_dfu, QString desired_FW_bin, QString uploaded_FW_bin,
          QObject* parent = nullptr);
     ~SM_A() override;
@@ -65,7 +56,8 @@ signals:
     void sig_readingInfo();
     void sig_DeviceError(QString message);
     void sig_FwDownloading();
-    void sig_FwDownloaded(int exit_code);
+    // What the write's end means (Upgrade::write_end), whatever dfu-util printed.
+    void sig_FwDownloaded(Upgrade::WriteEnd end);
     void sig_FwUploading();
     void sig_FwUploadedDiffers();
     void sig_FwUploadedMatches();
@@ -80,17 +72,17 @@ signals:
     // The device node of an attached bootloader this user may not open, or empty once there is
     // none; emitted when that changes.
     void sig_NoAccess(QString node);
-    // How far the running download or verification has come: the stage and its done fraction
+    // How far the running download or verification has come: the phase and its done fraction
     // (0 to 1), from dfu-util's own progress output.
-    void sig_Progress(SM_A::Stage stage, double fraction);
+    void sig_Progress(DFU::Phase phase, double fraction);
 
 protected:
     void run() override;
 
 private:
-    // Runs f with transfer_running() true.
     // Sleeps ms, or less when a stop is asked for meanwhile.
     void pause(qint32 ms);
+    // Runs f with transfer_running() true.
     template <typename F> auto transfer(F f);
     // Turns dfu-util's records of a run over total bytes into sig_Progress.
     DFU::ProgressHandler progress_to(qint64 total);

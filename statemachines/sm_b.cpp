@@ -1,6 +1,7 @@
 #include "statemachines/sm_b.h"
 
 #include <cstdio>
+#include <functional>
 #include <utility>
 
 #include <QDebug>
@@ -9,7 +10,7 @@
 
 #include "statemachines/guardedtransition.h"
 #include "statemachines/sm_a.h"
-#include "support/buildinfo.h"
+#include "dfu/upgraderules.h"
 
 // One worker signal, re-emitted in the GUI thread.
 class RelayedSignal final : public QObject
@@ -38,7 +39,11 @@ class WorkerSignalRelay final : public QObject
     Q_DISABLE_COPY_MOVE(WorkerSignalRelay)
 
 public:
-    WorkerSignalRelay(SM_A* worker, QObject* parent) : QObject(parent), worker(worker) {}
+    // on_unit takes the record that comes with sig_DevConn, before the transitions see it.
+    WorkerSignalRelay(SM_A* worker, std::function<void(const DFU::DeviceInfo&)> on_unit,
+                      QObject* parent)
+        : QObject(parent), worker(worker), on_unit(std::move(on_unit))
+    {}
 
     const RelayedSignal* carry(void (SM_A::*signal)())
     {
@@ -53,8 +58,8 @@ public:
         const auto [out, fresh] = channel(QMetaMethod::fromSignal(signal));
         if (fresh && worker) {
             // The record comes with the signal; the guards decide on exactly this copy.
-            connect(worker, signal, out, [out = out](const DFU::DeviceInfo& info) {
-                SM_B::last_announced = info;
+            connect(worker, signal, out, [this, out = out](const DFU::DeviceInfo& info) {
+                on_unit(info);
                 emit out->relayed();
             });
         }
@@ -63,6 +68,7 @@ public:
 
 private:
     SM_A* worker;                        // not owned
+    std::function<void(const DFU::DeviceInfo&)> on_unit;
     QHash<int, RelayedSignal*> channels; // by the worker signal's method index
 
     // The channel of a worker signal, and whether it was made just now.
@@ -78,51 +84,49 @@ private:
 
 Device::Type SM_B::desired_ID = Device::Invalid;
 QString SM_B::desired_revision;
-DFU::DeviceInfo SM_B::last_announced;
+DFU::DeviceInfo SM_B::device_info;
 
 namespace {
 
-// Guards read SM_B::last_announced, the record that came with the sig_DevConn being decided on:
-// the worker has moved on to its own next record by then, and device_info is set only once B1 is
-// left.
+// The guards decide on SM_B::device_info, the record that came with the sig_DevConn being decided
+// on (the worker has moved on to its own next record by then), by the upgrade's rules.
 
-void print_type_check(const DFU::DeviceInfo& info)
+Upgrade::Verdict verdict()
 {
+    return Upgrade::verdict(SM_B::device_info, {SM_B::desired_ID, SM_B::desired_revision});
+}
+
+// The type check's line: printed by the type guards, before or after their test as each has it.
+Upgrade::Verdict printed_verdict()
+{
+    const DFU::DeviceInfo& info = SM_B::device_info;
     std::printf("device_has_valid_type(%i): valid %i, device_type: %i\n",
                 static_cast<int>(SM_B::desired_ID), info.valid ? 1 : 0,
                 static_cast<int>(info.type));
     std::fflush(stdout);
+    return verdict();
 }
 
-// A blank unit can be programmed even though nothing valid could be read from it.
+// A blank unit is told apart even though nothing else valid could be read from it.
 bool device_OTP_is_empty()
 {
-    return SM_B::last_announced.OTP_info.empty;
+    return verdict() == Upgrade::Verdict::Blank;
 }
 
 bool device_has_wrong_type()
 {
-    const DFU::DeviceInfo& info = SM_B::last_announced;
-    if (!info.valid)
-        return false;
-    print_type_check(info);
-    return info.type != SM_B::desired_ID;
+    return verdict() != Upgrade::Verdict::Unreadable &&
+           printed_verdict() == Upgrade::Verdict::OtherProduct;
 }
 
 bool device_has_other_revision()
 {
-    const DFU::DeviceInfo& info = SM_B::last_announced;
-    print_type_check(info);
-    return info.valid && info.type == SM_B::desired_ID &&
-           info.FW_revision != SM_B::desired_revision;
+    return printed_verdict() == Upgrade::Verdict::OtherRevision;
 }
 
 bool device_has_same_revision()
 {
-    const DFU::DeviceInfo& info = SM_B::last_announced;
-    print_type_check(info);
-    return info.valid && info.type == SM_B::desired_ID &&
-           info.FW_revision == SM_B::desired_revision;
+    return printed_verdict() == Upgrade::Verdict::SameRevision;
 }
 
 QState* make_state(QStateMachine* machine, const char* name)
@@ -144,7 +148,14 @@ SM_B::SM_B(SM_A* worker, Device::Type desired_ID, QString desired_revision)
       B7(make_state(this, "B7: FW in dev. differs")),
       B8(make_state(this, "B8: Invalid (DFU-SE) dev. conn.")),
       B9(make_state(this, "B9: Conn. to (DFU-SE) dev. with Empty OTP.")), worker(worker),
-      relay(new WorkerSignalRelay(worker, this))
+      relay(new WorkerSignalRelay(
+          worker,
+          [this](const DFU::DeviceInfo& unit) {
+              // Only B1 awaits a unit; elsewhere the flow keeps the one it is working on.
+              if (configuration().contains(B1))
+                  device_info = unit;
+          },
+          this))
 {
     SM_B::desired_ID = desired_ID;
     SM_B::desired_revision = std::move(desired_revision);
@@ -200,7 +211,6 @@ void SM_B::add_connections()
     // B1 is left only on sig_DevConn, and its exit runs before the target's entry, so the unit's
     // identity is known before any other announcement.
     connect(B1, &QState::exited, this, [this] {
-        device_info = last_announced;
         qInfo() << "Device connected with:\n" << device_info;
         emit sig_DeviceConnected();
     });
@@ -209,7 +219,7 @@ void SM_B::add_connections()
         emit sig_DifferingRevision();
     });
     connect(B9, &QState::entered, this, [this] {
-        if (have_service_build())
+        if (Upgrade::may_write(Upgrade::Verdict::Blank, false))
             emit sig_UpgradePossible();
         else
             emit sig_UpgradeImpossible();

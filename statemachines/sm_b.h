@@ -27,8 +27,9 @@ public:
     // Shared with the guards, which are plain functions: what the carried firmware is for.
     static Device::Type desired_ID;
     static QString desired_revision;
-    // The record handed over with the worker's last sig_DevConn: what the guards decide on.
-    static DFU::DeviceInfo last_announced;
+    // The connected unit: the record handed over with the worker's sig_DevConn that left B1, which
+    // the guards decide on and the window shows; default while in B1. Its one home in the flow.
+    static DFU::DeviceInfo device_info;
 
 private:
     QState* B1;
@@ -40,11 +41,6 @@ private:
     QState* B8;
     QState* B9;
 
-public:
-    // The connected unit, copied from `last_announced` when B1 is left; default while in B1.
-    DFU::DeviceInfo device_info;
-
-private:
     SM_A* worker; // not owned; in the program, the same object as sm_A
     WorkerSignalRelay* relay;
 
