@@ -26,9 +26,10 @@ StatusLine::StatusLine(QLabel* label, Lookup text, Lookup log_text)
     unit_return.setSingleShot(true);
     unit_return.setInterval(unit_return_ms);
     connect(&unit_return, &QTimer::timeout, this, [this] {
-        written = download_exit_code == 0 ? Written::NotBack : Written::Broken;
+        written = write_end == Upgrade::WriteEnd::NotWritten ? Written::Broken : Written::NotBack;
         qInfo() << "The unit has not come back" << unit_return_ms / 1000
-                << "s after the download, which exited with" << download_exit_code;
+                << "s after the download, which"
+                << (written == Written::Broken ? "broke off" : "went out in full");
         render();
     });
 }
@@ -43,6 +44,25 @@ void StatusLine::showUnit(const QString& unit, const QString& logged)
     written = Written::No;
     read_failed = false;
     render();
+}
+
+void StatusLine::showConnected(const DFU::DeviceInfo& unit)
+{
+    const QString product = unit.OTP_info.product_name();
+    const QString id = QStringLiteral("status_devConn");
+    showUnit(text(id).arg(product), log_text(id).arg(product));
+}
+
+void StatusLine::showRevision(const DFU::DeviceInfo& unit)
+{
+    const QString product = unit.OTP_info.product_name();
+    // The unit's own bytes go into a rich-text label: markup in them must show as text.
+    const QString revision = unit.FW_revision.toHtmlEscaped();
+    const auto compose = [&](const Lookup& look) {
+        return revision.isEmpty() ? look(QStringLiteral("status_devRevUnknown")).arg(product)
+                                  : look(QStringLiteral("status_devRev")).arg(product, revision);
+    };
+    showUnit(compose(text), compose(log_text));
 }
 
 void StatusLine::showNoUnit()
@@ -79,12 +99,12 @@ void StatusLine::clearReadFailed()
     render();
 }
 
-void StatusLine::downloadEnded(int exit_code)
+void StatusLine::downloadEnded(Upgrade::WriteEnd end)
 {
-    download_exit_code = exit_code;
-    // A good write is followed by the unit's restart: the plain no-unit hint would read as if
-    // the cable were the problem.
-    if (exit_code == 0) {
+    write_end = end;
+    // A write that went out in full is followed by the unit's restart: the plain no-unit hint
+    // would read as if the cable were the problem.
+    if (end != Upgrade::WriteEnd::NotWritten) {
         written = Written::Restarting;
         render();
     }

@@ -7,6 +7,8 @@
 #include <QString>
 #include <QTimer>
 
+#include "dfu/deviceinfo.h"
+
 class QLabel;
 
 class StatusLine final : public QObject
@@ -28,13 +30,16 @@ public:
 public slots:
     // A connected unit's own text; it stands until no unit is connected.
     void showUnit(const QString& text, const QString& logged = QString());
+    // A unit just connected: its product; then, once the flow knows it, with its revision.
+    void showConnected(const DFU::DeviceInfo& unit);
+    void showRevision(const DFU::DeviceInfo& unit);
     // No unit is connected: the text says why, or what to do.
     void showNoUnit();
     void setStartProblem(const QString& folder, const QString& reason);
     void setNoAccess(const QString& node);
     void setReadFailed();
     void clearReadFailed();
-    void downloadEnded(int exit_code);
+    void downloadEnded(Upgrade::WriteEnd end);
     void setStopping(StatusLine::Stopping stopping);
 
 private:
@@ -49,7 +54,7 @@ private:
     Lookup text;
     Lookup log_text;
     QTimer unit_return;
-    int download_exit_code = 0;
+    Upgrade::WriteEnd write_end = Upgrade::WriteEnd::Written;
 
     bool unit_shown = false;
     QString unit_text;

@@ -12,6 +12,8 @@
 #include <QSocketNotifier>
 #include <QWidget>
 
+#include "support/terminatingsignals.h"
+
 #if defined(Q_OS_UNIX)
 
 namespace {
@@ -46,7 +48,7 @@ void close_on_termination_signals(QWidget* window)
     action.sa_handler = on_signal;
     sigemptyset(&action.sa_mask);
     action.sa_flags = SA_RESTART;
-    for (const int number : {SIGTERM, SIGINT, SIGHUP})
+    for (const int number : support::terminating_signals)
         ::sigaction(number, &action, nullptr);
 }
 #else

@@ -20,13 +20,20 @@ UpgradeProgress::UpgradeProgress(ProgressBar* bar, std::function<QString(const Q
     : QObject(bar), bar(bar), text(std::move(text))
 {
     restart_tick.setInterval(100);
-    connect(&restart_tick, &QTimer::timeout, this, [this] {
-        // Up to nine tenths of the phase in the usual time, then ever slower towards its end:
-        // the bar keeps moving, yet only the read-back takes it further.
-        const double t = double(restart_clock.elapsed()) / restart_ms;
-        const double f = t < 0.9 ? t : 0.9 + 0.09 * (1.0 - std::exp(-(t - 0.9)));
-        show(Phase::Restarting, f);
-    });
+    connect(&restart_tick, &QTimer::timeout, this,
+            [this] { show(Phase::Restarting, restart_fraction(restart_clock.elapsed())); });
+}
+
+double UpgradeProgress::restart_fraction(qint64 elapsed_ms)
+{
+    const double t = double(elapsed_ms) / restart_ms;
+    return t < 0.9 ? t : 0.9 + 0.09 * (1.0 - std::exp(-(t - 0.9)));
+}
+
+QString UpgradeProgress::caption(const char* id, const char* english) const
+{
+    const QString found = text(QString::fromLatin1(id));
+    return found.isEmpty() ? QString::fromLatin1(english) : found;
 }
 
 double UpgradeProgress::overall(Phase phase, double fraction, bool verify_only)
@@ -55,6 +62,7 @@ void UpgradeProgress::show(Phase phase, double fraction)
 
 void UpgradeProgress::downloadStarted()
 {
+    bar->startAutoProgress(caption("progress_upgrading", "Upgrading firmware"), 100.0);
     state = State::Writing;
     streamed = false;
     verify_only = false;
@@ -62,22 +70,12 @@ void UpgradeProgress::downloadStarted()
     restart_tick.stop();
 }
 
-void UpgradeProgress::toolProgress(SM_A::Stage stage, double fraction)
+void UpgradeProgress::toolProgress(DFU::Phase phase, double fraction)
 {
     if (state == State::Idle)
         return;
     streamed = true;
-    switch (stage) {
-    case SM_A::Stage::Erasing:
-        show(Phase::Erasing, fraction);
-        break;
-    case SM_A::Stage::Writing:
-        show(Phase::Writing, fraction);
-        break;
-    case SM_A::Stage::Verifying:
-        show(Phase::Verifying, fraction);
-        break;
-    }
+    show(phase, fraction);
 }
 
 void UpgradeProgress::downloadEnded()
@@ -103,6 +101,7 @@ void UpgradeProgress::unitBack()
 
 void UpgradeProgress::verificationStarted()
 {
+    bar->startAutoProgress(caption("progress_uploadingVerifying", "Uploading & verifying"), 0.5);
     verify_only = state != State::Back;
     if (verify_only) {
         streamed = false;
@@ -113,18 +112,41 @@ void UpgradeProgress::verificationStarted()
         show(Phase::Verifying, 0.0);
 }
 
-void UpgradeProgress::done()
+void UpgradeProgress::stop()
 {
     restart_tick.stop();
     state = State::Idle;
+}
+
+void UpgradeProgress::matches()
+{
+    stop();
     shown = 100;
+    bar->timer()->stop();
+    bar->setValue(bar->maximum());
+    bar->setFormat(caption("progress_done", "Done. Disconnect USB cable."));
     // The end of the upgrade: the bar's new name says what to do now.
     QAccessibleEvent alert(bar, QAccessible::Alert);
     QAccessible::updateAccessibility(&alert);
 }
 
-void UpgradeProgress::abandon()
+void UpgradeProgress::differs()
 {
-    restart_tick.stop();
-    state = State::Idle;
+    stop();
+    bar->timer()->stop();
+    bar->setValue(bar->minimum());
+    // The caption is kept although the bar hides at once, so a later show without a new format
+    // still explains itself.
+    bar->setFormat(QStringLiteral("FW differs"));
+    bar->hide();
+}
+
+void UpgradeProgress::hideUnlessUpgrading()
+{
+    if (upgrading())
+        return;
+    stop();
+    bar->timer()->stop();
+    bar->setFormat(QStringLiteral("This text should not be visible!"));
+    bar->hide();
 }

@@ -1,5 +1,6 @@
 // The progress bar through a whole upgrade: erase, write, the unit's restart and the read-back,
 // each weighted by its share of a real unit's upgrade, driven by dfu-util's own progress output.
+// The bar's one owner: nothing else shows, hides, fills or times it.
 #pragma once
 
 #include <functional>
@@ -9,7 +10,7 @@
 #include <QString>
 #include <QTimer>
 
-#include "statemachines/sm_a.h"
+#include "dfu/progress.h"
 
 class ProgressBar;
 
@@ -22,7 +23,7 @@ public:
     // text(id) looks a layout text up.
     UpgradeProgress(ProgressBar* bar, std::function<QString(const QString& id)> text);
 
-    enum class Phase { Erasing, Writing, Restarting, Verifying };
+    using Phase = DFU::Phase;
     // Shares of a real-timing upgrade on the virtual unit (bench/progress.sh, docs/performance.md):
     // click to the first write 12.0 s, write 58.9 s, leave to read-back 3.5 s, read-back 1.0 s.
     static constexpr double share[4] = {0.159, 0.782, 0.046, 0.013};
@@ -32,24 +33,36 @@ public:
     // The whole upgrade's done fraction at `fraction` of `phase`; `verify_only` when no write
     // came before. Pure, for the tests.
     static double overall(Phase phase, double fraction, bool verify_only);
+    // The restart phase's fraction after elapsed_ms: up to nine tenths in the usual time, then
+    // ever slower towards its end, so the bar keeps moving, yet only the read-back takes it on.
+    static double restart_fraction(qint64 elapsed_ms);
 
     // Whether the bar belongs to a running upgrade, which a passing "no unit" must not hide.
     bool upgrading() const { return state == State::Writing || state == State::Restarting; }
 
 public slots:
+    // The flow's steps: the time-based run stands until dfu-util's first progress record
+    // replaces it, and stays for a tool that prints none.
     void downloadStarted();
-    void toolProgress(SM_A::Stage stage, double fraction);
+    void verificationStarted();
+    void toolProgress(DFU::Phase phase, double fraction);
     void downloadEnded();
     void unitBack();
-    void verificationStarted();
-    void done();
-    // The upgrade ended otherwise (a difference, another unit): the caller hides the bar.
-    void abandon();
+    // The read-back matched: full, with what to do now.
+    void matches();
+    // The read-back differed: the bar goes, for the offer to install again.
+    void differs();
+    // No upgrade needs the bar any more (no unit, another unit), unless one is running: a unit
+    // away for its restart does.
+    void hideUnlessUpgrading();
 
 private:
     enum class State { Idle, Writing, Restarting, Back, Verifying };
 
     void show(Phase phase, double fraction);
+    // A layout text, or the English words where an outside layout file lacks the id.
+    QString caption(const char* id, const char* english) const;
+    void stop();
 
     ProgressBar* bar;
     std::function<QString(const QString&)> text;

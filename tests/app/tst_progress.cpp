@@ -16,35 +16,36 @@ private slots:
 
 void tst_Progress::bar_data()
 {
-    // Steps: "download", "end", "back", "verify", "wait" (a second), or "E|W|V:fraction"
-    // for a record of the erase, the write or the read-back; after each, "value text".
+    // Steps: "download", "end", "back", "verify", or "E|W|R|V:fraction" for a record of the
+    // erase, the write or the read-back, or the restart's fraction; after each, "value text".
     QTest::addColumn<QString>("steps");
     QTest::addColumn<QString>("shown");
     QTest::addColumn<bool>("upgrading"); // the bar stays while no unit is attached
 
     QTest::newRow("an upgrade, phase by phase")
         << "download E:0 E:0.5 E:1 W:0.5 W:1 end back verify V:0.5 V:1"
-        << "0 Upgrading|0 progress_erasing|7 progress_erasing|15 progress_erasing|"
+        << "0 progress_upgrading|0 progress_erasing|7 progress_erasing|15 progress_erasing|"
            "55 progress_writing|94 progress_writing|94 progress_restarting|94 progress_restarting|"
            "98 progress_verifying|99 progress_verifying|99 progress_verifying"
         << false;
-    // The restart fills by time, and only the read-back takes the bar past its phase.
+    // The restart fills by time (here its fraction after 1 and 2 s), and only the read-back takes
+    // the bar past its phase.
     QTest::newRow("waiting for the unit")
-        << "download W:1 end wait wait"
-        << "0 Upgrading|94 progress_writing|94 progress_restarting|"
+        << "download W:1 end R:0.286 R:0.571"
+        << "0 progress_upgrading|94 progress_writing|94 progress_restarting|"
            "95 progress_restarting|96 progress_restarting"
         << true;
     QTest::newRow("a late record does not take it back")
         << "download W:0.5 E:1 W:0.4"
-        << "0 Upgrading|55 progress_writing|55 progress_erasing|"
+        << "0 progress_upgrading|55 progress_writing|55 progress_erasing|"
            "55 progress_writing"
         << true;
     QTest::newRow("verifying a unit that was not written")
         << "verify V:0.5 V:1"
-        << "0 Upgrading|50 progress_verifying|99 progress_verifying" << false;
+        << "0 progress_uploadingVerifying|50 progress_verifying|99 progress_verifying" << false;
     // A tool that prints nothing keeps the time-based run, which the flow ends as it always has.
     QTest::newRow("no records") << "download end"
-                                << "0 Upgrading|0 Upgrading" << false;
+                                << "0 progress_upgrading|0 progress_upgrading" << false;
 }
 
 void tst_Progress::bar()
@@ -52,8 +53,6 @@ void tst_Progress::bar()
     QFETCH(QString, steps);
     QFETCH(QString, shown);
     ProgressBar progress_bar(nullptr);
-    progress_bar.setFormat(QStringLiteral("Upgrading"));
-    progress_bar.setValue(0);
     UpgradeProgress upgrade(&progress_bar, [](const QString& id) { return id; });
     QStringList seen;
     for (const QString& step : steps.split(QLatin1Char(' '))) {
@@ -67,12 +66,11 @@ void tst_Progress::bar()
             upgrade.unitBack();
         else if (what == QLatin1String("verify"))
             upgrade.verificationStarted();
-        else if (what == QLatin1String("wait"))
-            QTest::qWait(1000);
         else
-            upgrade.toolProgress(what == QLatin1String("E")   ? SM_A::Stage::Erasing
-                                 : what == QLatin1String("W") ? SM_A::Stage::Writing
-                                                              : SM_A::Stage::Verifying,
+            upgrade.toolProgress(what == QLatin1String("E")   ? DFU::Phase::Erasing
+                                 : what == QLatin1String("W") ? DFU::Phase::Writing
+                                 : what == QLatin1String("R") ? DFU::Phase::Restarting
+                                                              : DFU::Phase::Verifying,
                                  fraction);
         seen << QStringLiteral("%1 %2").arg(progress_bar.value()).arg(progress_bar.format());
     }
