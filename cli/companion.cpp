@@ -10,7 +10,7 @@
 #include "dfu/commands.h"
 #include "dfu/scan.h"
 #include "dfu/usbaccess.h"
-#include "statemachines/sm_a.h"
+#include "dfu/upgraderules.h"
 #include "support/files.h"
 
 namespace Cli {
@@ -34,6 +34,16 @@ void print_json(const QJsonValue& value)
 QString firmware_bin()
 {
     return Files::working_path(Files::desired_FW_fileName_bin);
+}
+
+// Runs f as the named phase of a unit's work, timed into its record.
+template <typename F> auto timed(UnitResult* result, const QString& name, F f)
+{
+    QElapsedTimer clock;
+    clock.start();
+    const auto value = f();
+    result->phases << UnitResult::Phase{name, double(clock.elapsed()) / 1000.0};
+    return value;
 }
 
 // Sets working while it lives: the unit is being read or written.
@@ -125,62 +135,95 @@ Exit Companion::read_identity(const QString& serial, DFU::DeviceInfo* info)
 {
     pin(serial);
     DFU::DeviceItem item{serial};
-    // As the window's worker does: a unit still enumerating refuses the first opens.
-    for (int attempt = 1; attempt <= SM_A::read_attempts; ++attempt) {
+    for (int attempt = 1; attempt <= Upgrade::read_attempts; ++attempt) {
         *info = DFU::DeviceInfo();
         const DFU::CommandResult result = DFU::read_device_info(&item, info);
         if (result.exit_code == 0)
             return Done;
-        if (attempt == SM_A::read_attempts) {
+        if (attempt == Upgrade::read_attempts) {
             console->say(QStringLiteral("Reading unit %1 failed %2 times (last status %3).")
                              .arg(serial)
                              .arg(attempt)
                              .arg(result.exit_code));
             break;
         }
-        pause();
+        QThread::msleep(Upgrade::retry_pause_ms);
     }
     return ReadFailed;
 }
 
-Exit Companion::read_back(QString* note)
+bool Companion::read_back(UnitResult* result, const QString& phase)
 {
     const QString reference = firmware_bin();
-    const QString target = Files::working_path(Files::uploaded_FW_fileName_bin);
-    const int total = DFU::whole_blocks(DFU::size_of_binary_file(reference));
-    for (int attempt = 1; attempt <= SM_A::read_attempts; ++attempt) {
-        console->step(QStringLiteral("Verifying"));
-        // A failed or short read-back never passes: the driver compares whole blocks only.
-        if (DFU::upload_and_compare_FW_bin(reference, target, console->progress(total)))
-            return Done;
-        pause();
-    }
-    *note = QStringLiteral("the flash read back differs from the image, or could not be read");
-    return VerificationFailed;
-}
-
-bool Companion::wait_for_return(const QString& serial)
-{
-    console->step(QStringLiteral("Restarting"));
-    pin(serial);
-    QElapsedTimer clock;
-    clock.start();
-    while (clock.elapsed() < options.return_timeout_ms) {
-        for (const DFU::DeviceItem& item : DFU::make_scan().devices)
-            if (item.serial == serial)
-                return true;
-        pause();
-    }
+    console->step(QStringLiteral("Verifying"));
+    const Upgrade::ReadBack read = timed(result, phase, [&] {
+        return DFU::read_back_FW(
+            reference, Files::working_path(Files::uploaded_FW_fileName_bin),
+            console->progress(DFU::whole_blocks(DFU::size_of_binary_file(reference))));
+    });
+    result->read_back = read;
+    result->read_back_taken = true;
+    if (read.matches)
+        return true;
+    result->note = read.complete
+                       ? QStringLiteral("the flash differs from the image at offset %1 (sector %2)")
+                             .arg(read.first_difference)
+                             .arg(read.sector)
+                       : QStringLiteral("the flash could not be read back in full");
     return false;
 }
 
-UnitResult Companion::upgrade_unit(const QString& serial)
+void Companion::leave(UnitResult* result)
 {
-    const UnitResult result = work_on(serial);
-    if (!result.note.isEmpty())
-        console->say(QStringLiteral("Unit %1: %2.").arg(serial, result.note));
-    print_out(summary_line(result) + QLatin1Char('\n'));
-    return result;
+    // The image is proven; a leave whose end the unit does not confirm (it may reset before it
+    // answers) changes nothing of that.
+    console->step(QStringLiteral("Starting the firmware"));
+    const int exit_code = timed(result, QStringLiteral("leave"), [] {
+        return DFU::leave_bootloader(Files::working_path(Files::uploaded_FW_info_fileName_bin));
+    });
+    if (exit_code != 0)
+        console->say(QStringLiteral("Unit %1: the request to start its firmware ended with status "
+                                    "%2; if it stays in its bootloader, power it off and on.")
+                         .arg(result->serial)
+                         .arg(exit_code));
+}
+
+void Companion::write_and_prove(UnitResult* result)
+{
+    const QString image = firmware_bin();
+    for (int attempt = 1; attempt <= Upgrade::write_attempts; ++attempt) {
+        if (attempt > 1)
+            console->say(QStringLiteral("Unit %1: %2; writing it once more.")
+                             .arg(result->serial, result->note));
+        // dfu-util erases first; its records then name each stage. The unit stays in its
+        // bootloader, so that it is proven before its new firmware runs.
+        console->step(QStringLiteral("Erasing"));
+        const Upgrade::WriteEnd end = timed(result, QStringLiteral("write"), [&] {
+            return DFU::write_FW(image, false,
+                                 console->progress(DFU::size_of_binary_file(image)));
+        });
+        if (end == Upgrade::WriteEnd::NotWritten) {
+            result->exit = WriteFailed;
+            result->note = QStringLiteral("the write broke off before the last byte");
+            continue;
+        }
+        // Written in full, or sent in full without a confirmed end: the read-back decides.
+        if (read_back(result, QStringLiteral("verify"))) {
+            result->exit = Done;
+            result->note.clear();
+            result->new_revision = DFU::desired_FW_Info().revision;
+            leave(result);
+            return;
+        }
+        result->exit = VerificationFailed;
+    }
+}
+
+bool Companion::holds_carried_revision(const QString& serial)
+{
+    DFU::DeviceInfo info;
+    return read_identity(serial, &info) == Done &&
+           Upgrade::verdict(info, DFU::carried_firmware()) == Upgrade::Verdict::SameRevision;
 }
 
 UnitResult Companion::work_on(const QString& serial)
@@ -190,61 +233,62 @@ UnitResult Companion::work_on(const QString& serial)
     clock.start();
     UnitResult result;
     result.serial = serial;
+    DFU::observe_runs([&result](DFU::CmdID id, int exit_code) {
+        result.runs << UnitResult::Run{DFU::command_name(id), exit_code};
+    });
     console->step(QStringLiteral("Reading unit ") + serial);
     DFU::DeviceInfo info;
-    result.exit = read_identity(serial, &info);
+    result.exit = timed(&result, QStringLiteral("identity"),
+                        [&] { return read_identity(serial, &info); });
     if (result.exit == Done) {
+        const Upgrade::Verdict verdict = Upgrade::verdict(info, DFU::carried_firmware());
+        const ListedUnit listed = listed_unit(serial, info);
+        result.product = listed.product;
+        result.type = info.OTP_info.product.raw_type;
+        result.verdict = Upgrade::verdict_name(verdict);
         result.old_revision = info.FW_revision;
-        const Device::FW_Info& desired = DFU::desired_FW_Info();
-        switch (decide(info, desired.product.type, desired.revision, options.force)) {
-        case Decision::Blank:
+        if (verdict == Upgrade::Verdict::SameRevision && !options.force) {
+            // Current only on the strength of a complete, matching read-back; a unit whose
+            // revision matches but whose flash does not (a write broken off after its first
+            // sectors) is repaired.
+            result.current = read_back(&result, QStringLiteral("check"));
+            if (result.current) {
+                result.new_revision = result.old_revision;
+                leave(&result);
+            } else if (result.read_back.complete) {
+                result.repaired = true;
+                write_and_prove(&result);
+            } else {
+                result.exit = VerificationFailed;
+            }
+        } else if (Upgrade::may_write(verdict, options.force)) {
+            write_and_prove(&result);
+        } else if (verdict == Upgrade::Verdict::Blank) {
             result.exit = BlankIdentity;
             result.note = QStringLiteral("the unit's identity area is blank; nothing is written");
-            break;
-        case Decision::OtherProduct:
+        } else {
             result.exit = OtherProduct;
             result.note = QStringLiteral("the unit is a %1, the firmware is for %2; nothing is "
                                          "written")
-                              .arg(listed_unit(serial, info).product,
-                                   desired.product.product_name());
-            break;
-        case Decision::Current:
-            // Already current only on the strength of a complete, matching read-back.
-            result.current = true;
-            result.exit = read_back(&result.note);
-            if (result.exit == Done)
-                result.new_revision = result.old_revision;
-            else
-                result.note += QStringLiteral("; --force writes it again");
-            break;
-        case Decision::Write: {
-            // dfu-util erases first; its records then name each stage.
-            console->step(QStringLiteral("Erasing"));
-            const DFU::CommandResult written =
-                DFU::run_command(DFU::download_FW, {firmware_bin()},
-                                 console->progress(DFU::size_of_binary_file(firmware_bin())));
-            // Many units reset before they answer the leave's last poll, so dfu-util fails after
-            // the whole image went out: as in the window, the read-back decides then.
-            const bool sent = written.exit_code == 0 ||
-                              written.output.contains(QLatin1String("Submitting leave request"));
-            if (!sent) {
-                result.exit = WriteFailed;
-                result.note = QStringLiteral("dfu-util ended the write with status %1")
-                                  .arg(written.exit_code);
-            } else if (!wait_for_return(serial)) {
-                result.exit = VerificationFailed;
-                result.note = QStringLiteral("the unit did not come back after the write");
-            } else {
-                result.exit = read_back(&result.note);
-                if (result.exit == Done)
-                    result.new_revision = desired.revision;
-            }
-            break;
-        }
+                              .arg(listed.product,
+                                   DFU::desired_FW_Info().product.product_name());
         }
     }
+    DFU::observe_runs({});
     result.seconds = double(clock.elapsed()) / 1000.0;
     return result;
+}
+
+void Companion::report(const UnitResult& result)
+{
+    if (!result.note.isEmpty())
+        console->say(QStringLiteral("Unit %1: %2.").arg(result.serial, result.note));
+    console->end_line();
+    if (options.json)
+        print_out(QString::fromUtf8(QJsonDocument(result_json(result)).toJson(QJsonDocument::Compact)) +
+                  QLatin1Char('\n'));
+    else
+        print_out(summary_line(result) + QLatin1Char('\n'));
 }
 
 Exit Companion::list()
@@ -308,13 +352,23 @@ Exit Companion::verify()
         return selection.exit;
     const Working working_on_it(working);
     pin(selection.serial);
-    QString note;
-    const Exit result = read_back(&note);
-    console->say(result == Done
-                     ? QStringLiteral("Unit %1: the flash holds the carried image.")
-                           .arg(selection.serial)
-                     : QStringLiteral("Unit %1: %2.").arg(selection.serial, note));
-    return result;
+    UnitResult result;
+    result.serial = selection.serial;
+    DFU::observe_runs([&result](DFU::CmdID id, int exit_code) {
+        result.runs << UnitResult::Run{DFU::command_name(id), exit_code};
+    });
+    result.exit = read_back(&result, QStringLiteral("verify")) ? Done : VerificationFailed;
+    DFU::observe_runs({});
+    result.seconds = result.phases.first().seconds;
+    if (result.exit == Done)
+        console->say(QStringLiteral("Unit %1: the flash holds the carried image.")
+                         .arg(selection.serial));
+    if (options.json) {
+        report(result);
+    } else if (result.exit != Done) {
+        console->say(QStringLiteral("Unit %1: %2.").arg(result.serial, result.note));
+    }
+    return result.exit;
 }
 
 Exit Companion::upgrade()
@@ -323,10 +377,13 @@ Exit Companion::upgrade()
         const Selection selection = select_unit();
         if (selection.exit != Done)
             return selection.exit;
-        return upgrade_unit(selection.serial).exit;
+        const UnitResult result = work_on(selection.serial);
+        report(result);
+        return result.exit;
     }
     // One unit after another: a unit is taken once until it has been seen gone.
     QSet<QString> finished;
+    QSet<QString> proven;
     Exit last_failure = Done;
     while (!stop.load()) {
         const QList<QString> serials = listed_serials();
@@ -343,9 +400,20 @@ Exit Companion::upgrade()
             pause();
             continue;
         }
-        const UnitResult result = upgrade_unit(next);
         finished << next;
-        if (result.exit != Done)
+        // A unit started on its new firmware may come back in its bootloader (the product's
+        // firmware decides): one already proven in this run is recognised, not taken again.
+        if (proven.contains(next) && holds_carried_revision(next)) {
+            console->say(QStringLiteral("Unit %1 is back and holds the carried firmware; it was "
+                                        "done in this run.")
+                             .arg(next));
+            continue;
+        }
+        const UnitResult result = work_on(next);
+        report(result);
+        if (result.exit == Done)
+            proven << next;
+        else
             last_failure = result.exit;
         if (!stop.load())
             console->say(QStringLiteral("Waiting for the next unit (Ctrl+C ends)..."));

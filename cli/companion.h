@@ -23,7 +23,6 @@ struct Options
     bool check_access = true; // look for bootloaders this user may not open (not with the simulator)
     bool pin_serial = true;   // select the unit with dfu-util's -S (the simulator has no -S)
     int poll_ms = 100;        // between listings while waiting for a unit
-    int return_timeout_ms = 60000; // for the unit to come back after a write
 };
 
 class Companion
@@ -53,11 +52,17 @@ private:
     Exit no_unit_exit(bool announce);
     void pin(const QString& serial);
     Exit read_identity(const QString& serial, DFU::DeviceInfo* info);
-    Exit read_back(QString* note);
-    bool wait_for_return(const QString& serial);
-    // Reads, decides, writes and verifies one unit; upgrade_unit also prints its summary line.
+    // Reads the flash back into the record; true when it holds the carried image.
+    bool read_back(UnitResult* result, const QString& phase);
+    // Writes and proves the image while the unit stays in its bootloader, once more after a
+    // read-back that differs, then starts the firmware.
+    void write_and_prove(UnitResult* result);
+    void leave(UnitResult* result);
+    bool holds_carried_revision(const QString& serial);
+    // Reads, decides, writes and verifies one unit, keeping its record.
     UnitResult work_on(const QString& serial);
-    UnitResult upgrade_unit(const QString& serial);
+    // Prints a unit's record: the summary line, or with --json the JSON object, on standard output.
+    void report(const UnitResult& result);
     void pause() const;
 
     const Options options;

@@ -8,29 +8,25 @@
 #include <QDebug>
 #include <QSocketNotifier>
 
+#include "dfu/upgraderules.h"
+#include "support/terminatingsignals.h"
+
 namespace Cli {
 
 namespace {
 
 constexpr int bar_width = 30;
 
-sigset_t termination_set()
-{
-    sigset_t set;
-    sigemptyset(&set);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP})
-        sigaddset(&set, number);
-    return set;
-}
-
-QString stage_name(DFU::ToolProgress::Stage stage)
+QString stage_name(DFU::Phase stage)
 {
     switch (stage) {
-    case DFU::ToolProgress::Erase:
+    case DFU::Phase::Erasing:
         return QStringLiteral("Erasing");
-    case DFU::ToolProgress::Download:
+    case DFU::Phase::Writing:
         return QStringLiteral("Writing");
-    case DFU::ToolProgress::Upload:
+    case DFU::Phase::Restarting:
+        return QStringLiteral("Restarting");
+    case DFU::Phase::Verifying:
         break;
     }
     return QStringLiteral("Verifying");
@@ -61,6 +57,12 @@ void Console::step(const QString& name)
     current_step = name;
     last_percent = -1;
     write_err(name + QStringLiteral("...\n"));
+}
+
+void Console::end_line()
+{
+    QMutexLocker lock(&mutex);
+    end_bar();
 }
 
 void Console::say(const QString& text)
@@ -96,22 +98,19 @@ void Console::draw(const QString& name, double fraction)
 DFU::ProgressHandler Console::progress(qint64 total)
 {
     return [this, total](const DFU::ToolProgress& record) {
-        // The byte count is finer than the printed percentage.
-        const double fraction =
-            total > 0 ? double(record.bytes) / double(total) : record.percent / 100.0;
-        draw(stage_name(record.stage), qBound(0.0, fraction, 1.0));
+        draw(stage_name(record.stage), Upgrade::fraction(record, total));
     };
 }
 
 void block_termination_signals()
 {
-    const sigset_t set = termination_set();
+    const sigset_t set = support::terminating_signal_set();
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
 void on_termination_signals(QObject* context, std::function<void(int)> on_signal)
 {
-    const sigset_t set = termination_set();
+    const sigset_t set = support::terminating_signal_set();
     const int fd = ::signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
     if (fd < 0) {
         qWarning() << "No signal handling: signalfd failed";

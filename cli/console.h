@@ -24,6 +24,8 @@ public:
     DFU::ProgressHandler progress(qint64 total);
     // A line of its own, from any thread.
     void say(const QString& text);
+    // Ends a bar left open, so that what follows on the terminal starts on a line of its own.
+    void end_line();
 
 private:
     void end_bar(); // with the mutex held
@@ -37,8 +39,8 @@ private:
 };
 
 // Blocks SIGINT, SIGTERM and SIGHUP in the whole process; call first in main, before any thread
-// or child exists. Children inherit the blocked set, so a Ctrl+C in the terminal, which reaches
-// the whole process group, cannot end a running dfu-util either.
+// exists, so that no thread is ended by one. dfu-util does not inherit the block: the runner
+// starts it in a process group of its own, which a Ctrl+C in the terminal does not reach.
 void block_termination_signals();
 // Hands each of those signals, taken from the blocked set, to on_signal on the event loop.
 void on_termination_signals(QObject* context, std::function<void(int)> on_signal);

@@ -19,10 +19,11 @@ const CommandSpec specs[] = {
      true, false, false, false},
     {"info", "Show the unit's identity record and firmware information block.", true, true, false,
      false, false},
-    {"upgrade", "Write the carried firmware into the unit, then read it back and compare.", true,
-     false, true, true, true},
-    {"verify", "Read the unit's flash back and compare it with the carried firmware.", true,
-     false, false, false, false},
+    {"upgrade",
+     "Write the carried firmware into the unit, read it back and compare, then start it.", true,
+     true, true, true, true},
+    {"verify", "Read the unit's flash back and compare it with the carried firmware.", true, true,
+     false, false, false},
 };
 
 const QString general_help = QStringLiteral(
@@ -79,7 +80,9 @@ int parse_invocation(const QStringList& arguments, Invocation* invocation, QStri
     const QCommandLineOption serial(QStringLiteral("serial"),
                                     QStringLiteral("The unit with this serial number."),
                                     QStringLiteral("SERIAL"));
-    const QCommandLineOption json(QStringLiteral("json"), QStringLiteral("Print JSON."));
+    const QCommandLineOption json(QStringLiteral("json"),
+                                  QStringLiteral("Print JSON (upgrade, verify: one object a unit, "
+                                                 "one line each)."));
     const QCommandLineOption wait(QStringLiteral("wait"),
                                   QStringLiteral("Wait for a unit to be attached."));
     const QCommandLineOption repeat(

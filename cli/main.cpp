@@ -52,7 +52,7 @@ bool set_up(bool use_simulator, QString* problem)
 
 int main(int argc, char* argv[])
 {
-    // First of all, so that every thread and every dfu-util run inherits the blocked set.
+    // First of all, so that every thread inherits the blocked set.
     Cli::block_termination_signals();
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("lumaxis-upgrade-cli"));

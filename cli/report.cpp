@@ -27,19 +27,6 @@ QString product_of(const DFU::DeviceInfo& info)
 
 } // namespace
 
-Decision decide(const DFU::DeviceInfo& info, Device::Type desired_type,
-                const QString& desired_revision, bool force)
-{
-    if (info.OTP_info.empty)
-        return Decision::Blank;
-    if (!info.valid || info.type != desired_type)
-        return Decision::OtherProduct;
-    // An unreadable information block leaves the revision empty: a write repairs such a unit.
-    if (info.FW_revision == desired_revision && !force)
-        return Decision::Current;
-    return Decision::Write;
-}
-
 ListedUnit listed_unit(const QString& serial, const DFU::DeviceInfo& info)
 {
     ListedUnit unit;
@@ -129,7 +116,9 @@ QString result_word(const UnitResult& result)
 {
     switch (result.exit) {
     case Done:
-        return result.current ? QStringLiteral("already-current") : QStringLiteral("done");
+        return result.current    ? QStringLiteral("already-current")
+               : result.repaired ? QStringLiteral("repaired")
+                                 : QStringLiteral("done");
     case OtherProduct:
         return QStringLiteral("other-product");
     case BlankIdentity:
@@ -151,6 +140,43 @@ QString summary_line(const UnitResult& result)
         .arg(result.serial, or_dash(result.old_revision), or_dash(result.new_revision),
              result_word(result))
         .arg(result.seconds, 0, 'f', 1);
+}
+
+QJsonObject result_json(const UnitResult& result)
+{
+    QJsonArray phases;
+    for (const UnitResult::Phase& phase : result.phases)
+        phases << QJsonObject{{QStringLiteral("phase"), phase.name},
+                              {QStringLiteral("seconds"), phase.seconds}};
+    QJsonArray runs;
+    for (const UnitResult::Run& run : result.runs)
+        runs << QJsonObject{{QStringLiteral("command"), run.command},
+                            {QStringLiteral("exit"), run.exit_code}};
+    QJsonObject object{{QStringLiteral("serial"), result.serial},
+                       {QStringLiteral("product"), result.product},
+                       {QStringLiteral("type"), result.type},
+                       {QStringLiteral("verdict"), result.verdict},
+                       {QStringLiteral("old_revision"), result.old_revision},
+                       {QStringLiteral("new_revision"), result.new_revision},
+                       {QStringLiteral("outcome"), result_word(result)},
+                       {QStringLiteral("exit"), int(result.exit)},
+                       {QStringLiteral("seconds"), result.seconds},
+                       {QStringLiteral("phases"), phases},
+                       {QStringLiteral("runs"), runs}};
+    if (result.read_back_taken) {
+        const Upgrade::ReadBack& read = result.read_back;
+        QJsonObject read_back{{QStringLiteral("complete"), read.complete},
+                              {QStringLiteral("matches"), read.matches},
+                              {QStringLiteral("sha256"), QString::fromLatin1(read.sha256.toHex())}};
+        if (read.first_difference >= 0) {
+            read_back.insert(QStringLiteral("first_difference"), read.first_difference);
+            read_back.insert(QStringLiteral("sector"), read.sector);
+        }
+        object.insert(QStringLiteral("read_back"), read_back);
+    }
+    if (!result.note.isEmpty())
+        object.insert(QStringLiteral("note"), result.note);
+    return object;
 }
 
 QString permission_fix(const QString& node)

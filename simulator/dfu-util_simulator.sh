@@ -331,6 +331,7 @@ do_upload() {
         die $EX_IOERR "Cannot write file $upload_file"
     fi
     echo "Upload done."
+    leave_if_asked
 }
 
 # Erases the sectors that [start, end) touches and writes the file at start, like the
@@ -402,18 +403,22 @@ do_download() {
     fi
     echo "Download done."
     echo "File downloaded successfully"
-    if ((dfuse_leave)); then
-        echo "Submitting leave request..."
-        echo "Transitioning to dfuMANIFEST state"
-        # The unit starts its firmware and comes back in its bootloader a moment later.
-        local absent=$ABSENT_MS
-        if [[ ${LUMAXIS_SIMULATOR_ABSENT_MS:-} =~ ^[0-9]{1,7}$ ]]; then
-            absent=$LUMAXIS_SIMULATOR_ABSENT_MS
-        elif ((fast)); then
-            absent=$((ABSENT_MS * 15 / 100))
-        fi
-        echo $(($(now_ms) + absent)) | replace_state_file absent_until || exit
+    leave_if_asked
+}
+
+# ":leave" after a transfer: the unit starts its firmware and comes back in its bootloader a
+# moment later.
+leave_if_asked() {
+    ((dfuse_leave)) || return 0
+    echo "Submitting leave request..."
+    echo "Transitioning to dfuMANIFEST state"
+    local absent=$ABSENT_MS
+    if [[ ${LUMAXIS_SIMULATOR_ABSENT_MS:-} =~ ^[0-9]{1,7}$ ]]; then
+        absent=$LUMAXIS_SIMULATOR_ABSENT_MS
+    elif ((fast)); then
+        absent=$((ABSENT_MS * 15 / 100))
     fi
+    echo $(($(now_ms) + absent)) | replace_state_file absent_until || exit
 }
 
 # ---- arguments ------------------------------------------------------------------------------

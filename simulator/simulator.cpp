@@ -73,6 +73,7 @@ void setup_for_simulated_dfu_util(Setup setup)
     rewrite_entry(DFU::upload_FW_info, upload_FW, fast);
     rewrite_entry(DFU::upload_FW, upload_FW, fast);
     rewrite_entry(DFU::download_FW, QStringLiteral("download_FW"), fast);
+    rewrite_entry(DFU::download_FW_staying, QStringLiteral("download_FW"), fast);
     rewrite_entry(DFU::setup_prepared_config, QStringLiteral("setup_prepared_config"), fast);
 }
 

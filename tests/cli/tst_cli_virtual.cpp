@@ -4,6 +4,8 @@
 #include <csignal>
 #include <unistd.h>
 
+#include <QCryptographicHash>
+#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -12,7 +14,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-#include "common/filebytes.h"
+#include "common/virtualunit.h"
 
 namespace {
 
@@ -32,6 +34,8 @@ private slots:
     void commands();
     void json_data();
     void json();
+    // The record of an upgrade, parsed: the fields a bench keeps.
+    void upgrade_record();
     // Two units in turn, the second swapped in while the companion waits for it.
     void repeat();
     // --wait: the unit is plugged in while the companion waits for one.
@@ -40,49 +44,27 @@ private slots:
     void interrupt_mid_write();
 
 private:
-    bool unit(const QString& command);
-    QString flash() const;
+    bool unit(const QString& command) { return m_unit.control(command); }
+    QString flash() const { return m_unit.flash(); }
     void start(QProcess* program, const QStringList& arguments);
     int run(const QStringList& arguments, QString* out, QString* err);
 
-    QTemporaryDir m_dir;
-    QString m_unit;
-    QByteArray m_image;
-    QByteArray m_before;
+    VirtualUnit m_unit{QStringLiteral(CARRIED_FIRMWARE)};
 };
 
 void tst_CliVirtual::initTestCase()
 {
-    QVERIFY(m_dir.isValid());
-    m_unit = m_dir.filePath(QStringLiteral("unit"));
-    m_image = file_bytes(QStringLiteral(CARRIED_FIRMWARE));
-    QVERIFY(m_image.size() > 2048);
-}
-
-// "--firmware CARRIED" in a command stands for the carried image itself.
-bool tst_CliVirtual::unit(const QString& command)
-{
-    QStringList words = command.split(QLatin1Char(' '));
-    words.replaceInStrings(QStringLiteral("CARRIED"), QStringLiteral(CARRIED_FIRMWARE));
-    QProcess control;
-    control.start(QStringLiteral(VIRTUAL_UNIT_CONTROL), QStringList{"--dir", m_unit} + words);
-    return control.waitForFinished(40000) && control.exitCode() == 0;
-}
-
-// "old": what the row made; "new": the carried image after a change; "other": neither.
-QString tst_CliVirtual::flash() const
-{
-    const QByteArray now = file_bytes(m_unit + QStringLiteral("/flash.bin"));
-    if (now == m_before)
-        return QStringLiteral("old");
-    return now.startsWith(m_image) ? QStringLiteral("new") : QStringLiteral("other");
+    QVERIFY(m_unit.valid());
+    // A unit whose earlier write broke off after its first sectors: the new information block
+    // over erased flash.
+    QFile half(m_unit.folder() + QStringLiteral("-half.bin"));
+    QVERIFY(half.open(QIODevice::WriteOnly));
+    half.write(m_unit.carried_image().left(200000));
 }
 
 void tst_CliVirtual::start(QProcess* program, const QStringList& arguments)
 {
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("LUMAXIS_VIRTUAL_UNIT"), m_unit);
-    program->setProcessEnvironment(environment);
+    program->setProcessEnvironment(m_unit.environment());
     program->start(QStringLiteral(CLI_PROGRAM), arguments);
 }
 
@@ -113,11 +95,12 @@ void tst_CliVirtual::commands_data()
                             << QString::fromLatin1(output);
     };
     row("upgrade", {}, {"upgrade"}, 0, "new", "^3473375A3334  2.2.0 -> 2.3.0  done  [0-9.]+ s$");
-    row("already current", {current}, {"upgrade"}, 0, "old", "2.3.0 -> 2.3.0  already-current");
-    row("--force writes the same revision", {current}, {"upgrade", "--force"}, 0, "old",
+    row("already current", {current}, {"upgrade"}, 0, "new", "2.3.0 -> 2.3.0  already-current");
+    row("--force writes the same revision", {current}, {"upgrade", "--force"}, 0, "new",
         "2.3.0 -> 2.3.0  done");
-    row("current revision, flash differs", {current, "inject --flip-byte 0x08010000"},
-        {"upgrade"}, 9, "old", "--force writes it again");
+    // The revision text is the carried one, the flash is not: written again and proven.
+    row("half-written unit is repaired", {"create --firmware HALF --timing fast"}, {"upgrade"}, 0,
+        "new", "2.3.0 -> 2.3.0  repaired");
     row("two units, no --serial", {second}, {"upgrade"}, 4, "old",
         "choose one with --serial:\n  205F32845431\n  3473375A3334");
     row("two units, --serial", {second}, {"upgrade", "--serial", twin}, 0, "new",
@@ -131,22 +114,25 @@ void tst_CliVirtual::commands_data()
         "identity area is blank");
     row("pulled mid-write", {"inject --unplug-after 100000 --direction download"}, {"upgrade"},
         8, "other", "write-failed");
-    // dfu-util fails the leave's last poll after the whole image went out: the read-back decides.
+    // A transfer error once: the unit is still in its bootloader, written again and proven.
+    row("write fails once", {"inject --fail-after 100000 --direction download --once"},
+        {"upgrade"}, 0, "new", "writing it once more");
+    // The unit fails the leave's last poll after the image was proven: still done.
     row("leave's last poll fails", {"inject --leave-status-fails --once"}, {"upgrade"}, 0, "new",
         "2.2.0 -> 2.3.0  done");
-    // The write lands; the read-back lies.
+    // The write lands; every read-back lies: written twice, then given up.
     row("read-back differs", {"inject --flip-byte 0x08010000"}, {"upgrade"}, 9, "new",
-        "2.2.0 -> -  verification-failed");
+        "differs from the image at offset 65536 \\(sector 4\\)");
     row("read-back short every time", {"inject --short-after 4096 --direction upload"},
-        {"verify"}, 9, "old", "differs from the image, or could not be read");
+        {"verify"}, 9, "old", "could not be read back in full");
     row("identity read fails", {"inject --fail-after 0 --direction upload"}, {"info"}, 10, "old",
         "failed 3 times");
-    row("verify, current", {current}, {"verify"}, 0, "old", "holds the carried image");
+    row("verify, current", {current}, {"verify"}, 0, "new", "holds the carried image");
     row("verify, older", {}, {"verify"}, 9, "old", "differs");
     row("list, two units", {second}, {"list"}, 0, "old",
         "205F32845431  Vega-5  2.2.0  access ok\n3473375A3334  Vega-5  2.2.0  access ok");
     row("info", {}, {"info", "--serial", first}, 0, "old", "Firmware:    Vega-5 LinkSync 2.2.0");
-    row("unknown option", {}, {"upgrade", "--json"}, 2, "old", "Unknown option 'json'");
+    row("unknown option", {}, {"upgrade", "--all"}, 2, "old", "Unknown option 'all'");
     row("unknown command", {}, {"erase"}, 2, "old", "Unknown command \"erase\"");
     row("help of a command", {}, {"upgrade", "--help"}, 0, "old", "--repeat");
 }
@@ -160,9 +146,10 @@ void tst_CliVirtual::commands()
     QFETCH(QString, output);
 
     QVERIFY(unit(QString::fromLatin1(older)));
-    for (const QString& command : setup)
-        QVERIFY2(unit(command), qPrintable(command));
-    m_before = file_bytes(m_unit + QStringLiteral("/flash.bin"));
+    for (QString command : setup)
+        QVERIFY2(unit(command.replace(QStringLiteral("HALF"), m_unit.folder() + "-half.bin")),
+                 qPrintable(command));
+    m_unit.mark();
 
     QString out, err;
     QCOMPARE(run(arguments, &out, &err), exit);
@@ -207,6 +194,34 @@ void tst_CliVirtual::json()
 
 // The virtual unit is one unit per state folder: after the first is done, the test makes the
 // folder a new unit with another serial, which the companion takes as the next one.
+void tst_CliVirtual::upgrade_record()
+{
+    QVERIFY(unit(QString::fromLatin1(older)));
+    QString out, err;
+    QCOMPARE(run({"upgrade", "--json"}, &out, &err), 0);
+    QCOMPARE(out.count(QLatin1Char('\n')), 1); // one line a unit
+    const QJsonObject record = QJsonDocument::fromJson(out.toUtf8()).object();
+    QCOMPARE(record.value("serial").toString(), first);
+    QCOMPARE(record.value("outcome").toString(), QStringLiteral("done"));
+    QCOMPARE(record.value("old_revision").toString() + " " +
+                 record.value("new_revision").toString(),
+             QStringLiteral("2.2.0 2.3.0"));
+    // The read-back's digest is the image's: the proof is in the record.
+    QCOMPARE(record.value("read_back").toObject().value("sha256").toString(),
+             QString::fromLatin1(
+                 QCryptographicHash::hash(m_unit.carried_image(), QCryptographicHash::Sha256)
+                     .toHex()));
+    QStringList phases, runs;
+    for (const QJsonValue& phase : record.value("phases").toArray())
+        phases << phase.toObject().value("phase").toString();
+    for (const QJsonValue& run : record.value("runs").toArray())
+        runs << run.toObject().value("command").toString() + "=" +
+                    QString::number(run.toObject().value("exit").toInt());
+    QCOMPARE(phases.join(' '), QStringLiteral("identity write verify leave"));
+    QCOMPARE(runs.join(' '), QStringLiteral("upload_OTP=0 upload_FW_info=0 download_FW_staying=0 "
+                                            "upload_FW=0 upload_FW=0"));
+}
+
 void tst_CliVirtual::repeat()
 {
     QVERIFY(unit(QString::fromLatin1(older)));
@@ -257,7 +272,7 @@ void tst_CliVirtual::interrupt_mid_write()
 {
     // Slow polls stretch the write to seconds.
     QVERIFY(unit(QString::fromLatin1(older) + " --poll-ms 2"));
-    m_before = file_bytes(m_unit + QStringLiteral("/flash.bin"));
+    m_unit.mark();
     QProcess program;
     program.setChildProcessModifier([] { ::setpgid(0, 0); });
     start(&program, {"upgrade"});
