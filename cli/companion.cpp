@@ -247,19 +247,15 @@ UnitResult Companion::work_on(const QString& serial)
         result.type = info.OTP_info.product.raw_type;
         result.verdict = Upgrade::verdict_name(verdict);
         result.old_revision = info.FW_revision;
-        if (verdict == Upgrade::Verdict::SameRevision && !options.force) {
-            // Current only on the strength of a complete, matching read-back; a unit whose
-            // revision matches but whose flash does not (a write broken off after its first
-            // sectors) is repaired.
+        if (Upgrade::needs_check(verdict, options.force)) {
+            // Current only on the strength of a complete, matching read-back; otherwise repaired.
             result.current = read_back(&result, QStringLiteral("check"));
             if (result.current) {
                 result.new_revision = result.old_revision;
                 leave(&result);
-            } else if (result.read_back.complete) {
+            } else if (Upgrade::may_write(verdict, options.force, true)) {
                 result.repaired = true;
                 write_and_prove(&result);
-            } else {
-                result.exit = VerificationFailed;
             }
         } else if (Upgrade::may_write(verdict, options.force)) {
             write_and_prove(&result);

@@ -40,13 +40,18 @@ QString verdict_name(Verdict verdict)
     return QStringLiteral("other-revision");
 }
 
-bool may_write(Verdict verdict, bool force)
+bool needs_check(Verdict verdict, bool force)
+{
+    return verdict == Verdict::SameRevision && !force;
+}
+
+bool may_write(Verdict verdict, bool force, bool check_failed)
 {
     switch (verdict) {
     case Verdict::OtherRevision:
         return true;
     case Verdict::SameRevision:
-        return force;
+        return force || check_failed;
     case Verdict::Blank:
         return have_service_build();
     case Verdict::OtherProduct:

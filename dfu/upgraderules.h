@@ -36,10 +36,14 @@ Verdict verdict(const DFU::DeviceInfo& unit, const Carried& carried);
 // One word for logs and the companion's records: "unreadable", "blank", ...
 QString verdict_name(Verdict verdict);
 
-// Whether a unit of that verdict may be written. Another revision may; the carried one only when
-// forced, or when its read-back differs (a repair); a blank identity only by a service build;
-// another product or an unreadable unit never.
-bool may_write(Verdict verdict, bool force);
+// Whether a unit with the carried revision is read back first, to prove it holds the image: an
+// unforced one is, and only a read-back that matches makes it current.
+bool needs_check(Verdict verdict, bool force);
+// Whether a unit of that verdict may be written. Another revision may; the carried one when
+// forced, or when its check did not match (a write broken off after its first sectors leaves the
+// new information block over old code, which a write repairs); a blank identity only by a service
+// build; another product or an unreadable unit never.
+bool may_write(Verdict verdict, bool force, bool check_failed = false);
 
 // A read-out or a read-back is tried this many times before it counts as failed: a unit that is
 // still enumerating (after its restart, or before udev has granted access) refuses the first

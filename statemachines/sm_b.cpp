@@ -236,7 +236,9 @@ void SM_B::add_connections()
     });
     connect(B6, &QState::entered, this, [this] { emit sig_FwMatches(); });
     connect(B7, &QState::entered, this, [this] {
-        emit sig_UpgradePossible();
+        // The unit's revision is the carried one but its check did not match: a repair.
+        if (Upgrade::may_write(Upgrade::Verdict::SameRevision, false, true))
+            emit sig_UpgradePossible();
         emit sig_FwDiffers();
     });
     connect(B8, &QState::entered, this, [this] { emit sig_InvalidProduct(); });

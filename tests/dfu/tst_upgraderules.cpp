@@ -39,17 +39,18 @@ void tst_UpgradeRules::verdict_data()
 {
     QTest::addColumn<QString>("unit");
     QTest::addColumn<QString>("verdict");
-    QTest::addColumn<bool>("may_write");
-    QTest::addColumn<bool>("forced");
-    QTest::newRow("older revision") << "kestrel:2.2.0" << "other-revision" << true << true;
-    QTest::newRow("same revision") << "kestrel:2.3.0" << "same-revision" << false << true;
+    // "check write forced repair": read back first; may be written as it is, when forced, after
+    // a check that did not match.
+    QTest::addColumn<QString>("rules");
+    QTest::newRow("older revision") << "kestrel:2.2.0" << "other-revision" << "0 1 1 1";
+    QTest::newRow("same revision") << "kestrel:2.3.0" << "same-revision" << "1 0 1 1";
     // A complete block without valid information: a write broken off early is repaired.
-    QTest::newRow("no firmware block") << "kestrel:" << "other-revision" << true << true;
-    QTest::newRow("another product") << "other:2.3.0" << "other-product" << false << false;
+    QTest::newRow("no firmware block") << "kestrel:" << "other-revision" << "0 1 1 1";
+    QTest::newRow("another product") << "other:2.3.0" << "other-product" << "0 0 0 0";
     // Only a service build gives a blank unit its first firmware; this build is none.
-    QTest::newRow("blank, whatever its type byte") << "blank:2.2.0" << "blank" << false << false;
+    QTest::newRow("blank, whatever its type byte") << "blank:2.2.0" << "blank" << "0 0 0 0";
     // A read-out that failed or came back short proves nothing, whatever it left behind.
-    QTest::newRow("unreadable") << "unread" << "unreadable" << false << false;
+    QTest::newRow("unreadable") << "unread" << "unreadable" << "0 0 0 0";
 }
 
 void tst_UpgradeRules::verdict()
@@ -57,8 +58,12 @@ void tst_UpgradeRules::verdict()
     QFETCH(QString, unit);
     const Upgrade::Verdict verdict = Upgrade::verdict(::unit(unit), carried);
     QTEST(Upgrade::verdict_name(verdict), "verdict");
-    QTEST(Upgrade::may_write(verdict, false), "may_write");
-    QTEST(Upgrade::may_write(verdict, true), "forced");
+    QTEST(QStringLiteral("%1 %2 %3 %4")
+              .arg(int(Upgrade::needs_check(verdict, false)))
+              .arg(int(Upgrade::may_write(verdict, false)))
+              .arg(int(Upgrade::may_write(verdict, true)))
+              .arg(int(Upgrade::may_write(verdict, false, true))),
+          "rules");
 }
 
 void tst_UpgradeRules::write_end_data()
