@@ -117,11 +117,6 @@ Device::FW_Info read_FW_Info(const DeviceItem* /*device*/)
     return Device::make_FW_Info(path);
 }
 
-int download_FW_to_device(const QString& path, const ProgressHandler& on_progress)
-{
-    return run_command(download_FW, {path}, on_progress).exit_code;
-}
-
 Upgrade::WriteEnd write_FW(const QString& path, bool leave, const ProgressHandler& on_progress)
 {
     Upgrade::WriteTally tally(on_progress);
@@ -201,20 +196,6 @@ int size_of_binary_file(const QString& path)
     if (!file.open(QIODevice::ReadOnly))
         return -1;
     return int(file.size());
-}
-
-bool compare_FW_bin_files(const QString& first, const QString& second)
-{
-    const int size = size_of_binary_file(first);
-    if (size < 1 || size_of_binary_file(second) != size)
-        return false;
-
-    QFile a(first);
-    QFile b(second);
-    if (!a.open(QIODevice::ReadOnly) || !b.open(QIODevice::ReadOnly))
-        return false;
-    // Exact bytes: a read-back that misses one block must not pass.
-    return a.readAll() == b.readAll();
 }
 
 Device::FW_Info read_FW_Info_from_desired_FW()

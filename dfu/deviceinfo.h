@@ -40,8 +40,8 @@ Device::FW_Info read_FW_Info(const DeviceItem* device);
 // EX_TEMPFAIL: the unit is to be read again).
 constexpr int short_read_exit_code = 75;
 
-// All hand dfu-util's progress records to on_progress while they run.
-int download_FW_to_device(const QString& path, const ProgressHandler& on_progress = {});
+// The transfers hand dfu-util's progress records to on_progress while they run.
+
 // Writes the image and judges the write's end. With leave the unit starts its firmware at the
 // end (the window's flow verifies it when it is back); without, it stays in its bootloader to be
 // read back first.
@@ -53,16 +53,16 @@ Upgrade::ReadBack read_back_FW(const QString& reference, const QString& target,
 // Tells a unit in its bootloader to start its firmware: one short read that ends with the leave
 // request (dfu-util's ":leave" after an upload), read into target. The tool's exit code.
 int leave_bootloader(const QString& target);
+// Reads byte_count bytes of flash into target, which is deleted first; the tool's exit code.
 int upload_FW_from_device(const QString& target, int byte_count,
                           const ProgressHandler& on_progress = {});
 // The byte count rounded up to whole transfer blocks (2048 bytes).
 int whole_blocks(int byte_count);
-// Reads whole_blocks(reference's size) bytes back and compares the reference's length of them.
+// read_back_FW's verdict: whether the flash holds the reference.
 bool upload_and_compare_FW_bin(const QString& reference, const QString& target,
                                const ProgressHandler& on_progress = {});
 
 int size_of_binary_file(const QString& path);
-bool compare_FW_bin_files(const QString& first, const QString& second);
 
 Device::FW_Info read_FW_Info_from_desired_FW();
 // Read once, on the first call (at start-up, before the worker thread exists), never refreshed.
