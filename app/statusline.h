@@ -7,6 +7,8 @@
 #include <QString>
 #include <QTimer>
 
+#include "gui/spoken.h"
+
 class QLabel;
 
 class StatusLine final : public QObject
@@ -42,6 +44,8 @@ private:
     enum class Written { No, Restarting, NotBack, Broken };
 
     void render();
+    // The line as a screen reader hears it, once it has settled.
+    void announce();
     // The line for the current state in the words of `look`; `unit` for a connected unit.
     QString compose(const Lookup& look, const QString& unit) const;
 
@@ -61,4 +65,5 @@ private:
     bool read_failed = false;
     Written written = Written::No;
     Stopping stopping = Stopping::No;
+    SettledAnnouncement announcement{this, [this] { announce(); }};
 };
