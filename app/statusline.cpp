@@ -5,24 +5,11 @@
 #include <QAccessible>
 #include <QDebug>
 #include <QLabel>
-#include <QRegularExpression>
-
-namespace {
-
-QString plain(const QString& shown)
-{
-    static const QRegularExpression markup(QStringLiteral("<[^>]*>"));
-    return QString(shown).remove(markup).simplified();
-}
-
-} // namespace
 
 StatusLine::StatusLine(QLabel* label, Lookup text, Lookup log_text)
     : QObject(label), label(label), text(std::move(text)),
       log_text(log_text ? std::move(log_text) : this->text)
 {
-    // Named from the start, so a change is announced once, by the name's change below.
-    label->setAccessibleName(plain(label->text()));
     unit_return.setSingleShot(true);
     unit_return.setInterval(unit_return_ms);
     connect(&unit_return, &QTimer::timeout, this, [this] {
@@ -148,9 +135,17 @@ void StatusLine::render()
         return;
     label->setText(shown);
     // What the user was told, in the log too: a saved log then tells the whole story.
-    qInfo().noquote() << "Status line:" << plain(compose(log_text, unit_logged));
+    qInfo().noquote() << "Status line:" << spoken_text(compose(log_text, unit_logged));
+    announcement.request();
+}
+
+void StatusLine::announce()
+{
+    const QString name = spoken_text(label->text());
+    if (label->accessibleName() == name)
+        return;
     // A new accessible name is announced (NameChanged); the alert reaches platforms that speak it.
-    label->setAccessibleName(plain(shown));
+    label->setAccessibleName(name);
     QAccessibleEvent alert(label, QAccessible::Alert);
     QAccessible::updateAccessibility(&alert);
 }

@@ -8,6 +8,7 @@
 #include <QTimer>
 
 #include "dfu/deviceinfo.h"
+#include "gui/spoken.h"
 
 class QLabel;
 
@@ -47,6 +48,8 @@ private:
     enum class Written { No, Restarting, NotBack, Broken };
 
     void render();
+    // The line as a screen reader hears it, once it has settled.
+    void announce();
     // The line for the current state in the words of `look`; `unit` for a connected unit.
     QString compose(const Lookup& look, const QString& unit) const;
 
@@ -66,4 +69,5 @@ private:
     bool read_failed = false;
     Written written = Written::No;
     Stopping stopping = Stopping::No;
+    SettledAnnouncement announcement{this, [this] { announce(); }};
 };

@@ -10,10 +10,10 @@
 #include <QLabel>
 #include <QRawFont>
 #include <QScreen>
-#include <QTextDocument>
 
 #include "device/products.h"
 #include "gui/installbutton.h"
+#include "gui/spoken.h"
 #include "support/support_misc.h"
 
 namespace {
@@ -53,15 +53,6 @@ bool drawn_by(const QFont& font, const QString& text)
                        [&](uint c) { return c == '\n' || raw.supportsCharacter(c); });
 }
 
-QString plain_text(const QString& text)
-{
-    if (!Qt::mightBeRichText(text))
-        return text.simplified();
-    QTextDocument document;
-    document.setHtml(text);
-    return document.toPlainText().simplified();
-}
-
 bool is_one_of(const QString& id, const char* a, const char* b)
 {
     return id == QLatin1String(a) || id == QLatin1String(b);
@@ -86,6 +77,7 @@ void MainWindow::addLabels(bool simulator)
 
         auto* label = new QLabel(data.text, this);
         label->setText(filled_text(settings_, data));
+        label->setAccessibleName(spoken_text(label->text()));
 
         if (is_one_of(data.id, "2", "3"))
             label->setAlignment(Qt::AlignLeft | Qt::AlignTop);
@@ -141,11 +133,9 @@ void MainWindow::addLabels(bool simulator)
     }
 }
 
-QString MainWindow::firmwareSummary() const
+QString MainWindow::installDescription() const
 {
-    QStringList parts;
-    for (const char* id : {"2", "4"})
-        if (const Settings::LabelData* data = settings_->gui.label(QString::fromLatin1(id)))
-            parts << plain_text(filled_text(settings_, *data));
-    return parts.join(QLatin1Char(' '));
+    const Device::ProductInfo product{settings_->desired_FW_type};
+    return settings_->gui.text(QStringLiteral("access_install"))
+        .arg(product.product_name_full(), settings_->desired_FW_revision);
 }

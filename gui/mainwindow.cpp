@@ -154,14 +154,15 @@ MainWindow* MainWindow_factory(const Settings::Settings* settings, QWidget* pare
     }
     add_circles(circles, window);
 
-    // What a screen reader says beside the visible texts, from the same layout.
-    const QString about = window->firmwareSummary();
-    window->install_button_->setAccessibleDescription(about);
-    window->progress_bar_->setAccessibleDescription(about);
+    // What a screen reader says beside the visible texts, from the same layout: what each is for.
+    const auto text = [settings](const char* id) {
+        return settings->gui.text(QString::fromLatin1(id));
+    };
+    window->install_button_->setAccessibleDescription(window->installDescription());
+    window->progress_bar_->setAccessibleDescription(text("access_progress"));
     if (window->status_label_)
-        window->status_label_->setAccessibleDescription(
-            settings->gui.text(QStringLiteral("access_status")));
+        window->status_label_->setAccessibleDescription(text("access_status"));
     for (Circle* circle : window->findChildren<Circle*>())
-        circle->setAccessibleDescription(settings->gui.text(QStringLiteral("access_circle")));
+        circle->setAccessibleDescription(text("access_circle"));
     return window;
 }

@@ -62,8 +62,8 @@ private:
 
     // Makes the layout's text labels; lives in labels.cpp.
     void addLabels(bool simulator);
-    // The title and the version header as plain text: what the install button installs.
-    QString firmwareSummary() const;
+    // What the install button installs, and on what.
+    QString installDescription() const;
 };
 
 // Builds the whole window from the settings; stops the program when the layout lacks the status

@@ -7,8 +7,6 @@ packages=(
   # build
   cmake make g++ pkg-config
   qt6-base-dev qt6-base-dev-tools qt6-scxml-dev libgl-dev
-  # the accessibility test switches Qt's platform accessibility on through its private API
-  qt6-base-private-dev
   libusb-1.0-0-dev
   # generated assets: the embedded tool, the fonts
   dfu-util patchelf python3 python3-fonttools fonts-open-sans
@@ -16,6 +14,8 @@ packages=(
   qt6-translations-l10n fonts-noto-cjk
   # headless runs and screenshots
   xvfb xauth xdotool x11-apps imagemagick python3-xlib
+  # the screen reader's view: a session bus, the accessibility bus and registry, Orca's library
+  dbus-daemon at-spi2-core python3-pyatspi
   # desktop integration and the Debian package
   librsvg2-bin desktop-file-utils appstream dpkg-dev fakeroot lintian
 )
