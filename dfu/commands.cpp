@@ -35,6 +35,7 @@ Command entry(QList<QString> args)
 
 QString Command::path;
 QString Command::serial;
+QString Command::usb_path;
 
 // Transfers name the bootloader's DFU-mode ids: "-d 0483" alone sets only dfu-util's run-time
 // filter, so any other DFU-mode device on the bus would match too and the transfer would refuse to
@@ -68,8 +69,12 @@ QList<QString> arguments(CmdID id, const QList<QString>& extra_args)
 {
     // In front: the table's last option may be one whose value the extra arguments give ("-U").
     QList<QString> args;
-    if (!Command::serial.isEmpty() && id != version)
-        args << QStringLiteral("-S") << Command::serial;
+    if (id != version) {
+        if (!Command::serial.isEmpty())
+            args << QStringLiteral("-S") << Command::serial;
+        if (!Command::usb_path.isEmpty())
+            args << QStringLiteral("-p") << Command::usb_path;
+    }
     return args + commands[id].args + extra_args; // inserts the default entry for an unknown id
 }
 

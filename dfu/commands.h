@@ -32,6 +32,9 @@ struct Command
     // for callers that choose among several units; empty, as the window has it, leaves every
     // command line as the table gives it. Set it only while no run is under way.
     static QString serial;
+    // The same for the unit's USB path (dfu-util's "-p", e.g. "1-2.4"): where units report one
+    // serial, the path alone tells them apart.
+    static QString usb_path;
 
     operator QString() const;
 };
@@ -45,7 +48,8 @@ struct CommandResult
 // Mutable on purpose: the simulator rewrites entries at start-up. Look-ups insert on miss.
 extern QMap<CmdID, Command> commands;
 
-// What run_command passes to the tool: the serial selection, the table's arguments, extra_args.
+// What run_command passes to the tool: the unit selection (serial, path), the table's arguments,
+// extra_args.
 QList<QString> arguments(CmdID id, const QList<QString>& extra_args);
 
 CommandResult run_command(CmdID id, const QList<QString>& extra_args);

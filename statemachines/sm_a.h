@@ -10,6 +10,7 @@
 #include <QWaitCondition>
 
 #include "dfu/deviceinfo.h"
+#include "dfu/scan.h"
 
 class SM_A final : public QThread
 {
@@ -103,8 +104,8 @@ private:
 
     // The worker's own: read and written on its thread only.
     DFU::DeviceInfo device_info;
-    QString current_serial;
-    QString failed_serial; // the unit whose read-outs failed lately, and how often
+    DFU::DeviceItem current_unit;
+    DFU::DeviceItem failed_unit; // the unit whose read-outs failed lately, and how often
     int failed_reads = 0;
     QString inaccessible_node;
     qint32 no_device_poll_ms = 200;
