@@ -196,6 +196,13 @@ void tst_Dfu::self_test_data()
     const QString result = QStringLiteral("info: Result of execution test: status was %1");
     QTest::newRow("expected banner") << fake << QByteArray("0") << banner << true
                                      << QStringList{result.arg("ok and output: \"as expected\"")};
+    QTest::newRow("the carried tool's banner")
+        << fake << QByteArray("0") << DFU::dfu_util::carried_tool_banner() << true
+        << QStringList{result.arg("ok and output: \"as expected\"")};
+    const QString other = QStringLiteral("dfu-util 0.10\n\nCopyright 2010-2020 Tormod Volden\n\n");
+    QTest::newRow("another release's banner")
+        << fake << QByteArray("0") << other << false
+        << QStringList{result.arg("ok and output: " + shown(other))};
     QTest::newRow("banner, exit 1")
         << fake << QByteArray("1") << banner << false
         << QStringList{exit_line.arg("1", shown(fake, QList<QString>{"-V"}), shown(banner)),
