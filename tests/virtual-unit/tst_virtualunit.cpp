@@ -3,6 +3,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QLibrary>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTemporaryDir>
@@ -205,6 +206,46 @@ private slots:
                          .arg(devnum)
                          .arg(alt)
                          .arg(QLatin1String(names[alt])));
+    }
+
+    // Every libusb function a dfu-util release imports: its binaries are linked "bind now", so one
+    // missing function makes the tool exit 127 before it does anything, even for -V.
+    void imports_data()
+    {
+        QTest::addColumn<QString>("tool"); // whose imports nm lists; empty: the row's own list
+        QTest::addColumn<QStringList>("imports");
+        QTest::newRow("the system's dfu-util") << DFU_UTIL << QStringList();
+        if (QStringLiteral(CARRIED_DFU_UTIL) != DFU_UTIL)
+            QTest::newRow("the carried dfu-util") << CARRIED_DFU_UTIL << QStringList();
+        // nm -D --undefined-only of Debian 11's 0.9-1+b1, for builds without it.
+        QTest::newRow("dfu-util 0.9") << QString() << QString(
+            "claim_interface close control_transfer exit free_config_descriptor free_device_list "
+            "get_bus_number get_config_descriptor get_device_address get_device_descriptor "
+            "get_device_list get_port_numbers get_string_descriptor_ascii init open ref_device "
+            "release_interface reset_device set_debug set_interface_alt_setting unref_device")
+            .split(' ').replaceInStrings(QRegularExpression("^"), "libusb_");
+    }
+
+    void imports()
+    {
+        QFETCH(QString, tool);
+        QFETCH(QStringList, imports);
+        if (!tool.isEmpty()) {
+            QProcess nm;
+            nm.start("nm", {"-D", "--undefined-only", tool});
+            QVERIFY(nm.waitForFinished() && nm.exitCode() == 0);
+            const QRegularExpression name("\\bU (libusb_\\w+)");
+            for (const auto& m : name.globalMatch(QString::fromLatin1(nm.readAllStandardOutput())))
+                imports << m.captured(1);
+            QVERIFY(imports.size() > 20);
+        }
+        QLibrary library(VIRTUAL_USB_DIR "/libusb-1.0.so.0");
+        QVERIFY2(library.load(), qPrintable(library.errorString()));
+        QStringList missing;
+        for (const QString& function : imports)
+            if (!library.resolve(function.toLatin1().constData()))
+                missing << function;
+        QCOMPARE(missing, QStringList());
     }
 
     // After a leave in reenumerate mode the unit is back on the bus, but first cannot be opened
