@@ -14,6 +14,8 @@
 #include <QLoggingCategory>
 #include <QProcess>
 
+#include "dfu/runstop.h"
+
 namespace DFU {
 
 namespace {
@@ -134,9 +136,19 @@ CommandResult run_command(CmdID id, const QList<QString>& extra_args,
             for (const ToolProgress& record : progress.feed(chunk))
                 on_progress(record);
     };
+    // A run that a requested stop may end is waited for in short steps, so that it is ended on
+    // time; every other run waits as long as it takes.
+    const RunStop* stop = can_be_ended(id) ? followed_stop() : nullptr;
+    const auto step = [stop](qint64 ms) { return stop && (ms < 0 || ms > 100) ? 100 : int(ms); };
     // A tool that cannot be started lands in the time-out branch at once, as a wait would.
     bool started = process.waitForStarted();
     while (!past_first_wait || process.state() != QProcess::NotRunning) {
+        if (stop && stop->expired() && process.state() != QProcess::NotRunning) {
+            qInfo() << "Ending" << program << args << "- still running after the stop";
+            process.kill();
+            process.waitForFinished(-1);
+            break;
+        }
         const qint64 left = first_wait_ms - clock.elapsed();
         if (!past_first_wait && (left <= 0 || !started)) {
             take();
@@ -151,7 +163,7 @@ CommandResult run_command(CmdID id, const QList<QString>& extra_args,
         }
         if (process.state() == QProcess::NotRunning)
             break;
-        if (process.waitForReadyRead(past_first_wait ? -1 : int(left))) {
+        if (process.waitForReadyRead(step(past_first_wait ? -1 : left))) {
             take();
             continue;
         }
@@ -159,7 +171,7 @@ CommandResult run_command(CmdID id, const QList<QString>& extra_args,
         // output and runs on: wait for its end, within the first limit while it stands.
         const qint64 still = first_wait_ms - clock.elapsed();
         if (process.state() != QProcess::NotRunning && (past_first_wait || still > 0))
-            process.waitForFinished(past_first_wait ? -1 : int(still));
+            process.waitForFinished(step(past_first_wait ? -1 : still));
     }
     take();
 

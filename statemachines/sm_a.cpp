@@ -51,6 +51,7 @@ SM_A::~SM_A()
         QMutexLocker lock(&mutex);
         stop_requested = true;
     }
+    run_stop.request();
     wait_condition.wakeOne();
     qDebug() << "SM_A: Waiting in dtor";
     // Never terminate: a dfu-util run cut off mid-transfer could leave the unit half-written.
@@ -86,6 +87,7 @@ void SM_A::do_stop()
         QMutexLocker lock(&mutex);
         stop_requested = true;
     }
+    run_stop.request();
     // An idle worker leaves its pause at once rather than after it.
     wait_condition.wakeAll();
 }
@@ -162,6 +164,7 @@ void SM_A::check_device_access()
 
 void SM_A::run()
 {
+    const DFU::FollowStop follow(run_stop);
     bool first_cycle = true; // the very first scan starts without a pause
     Position position = Position::A0;
     for (;;) {
@@ -214,6 +217,11 @@ void SM_A::run()
                 failed_reads = 0;
                 emit sig_DevConn(device_info);
                 position = Position::A4;
+                break;
+            }
+            if (is_stopping()) {
+                // Perhaps ended by the stop: it says nothing about the unit.
+                position = Position::A0;
                 break;
             }
             failed_reads = item == failed_unit ? failed_reads + 1 : 1;

@@ -10,6 +10,7 @@
 #include <QWaitCondition>
 
 #include "dfu/deviceinfo.h"
+#include "dfu/runstop.h"
 #include "dfu/scan.h"
 
 class SM_A final : public QThread
@@ -113,6 +114,8 @@ private:
     bool access_watched = false;
 
     std::atomic<bool> in_transfer{false};
+    // Requested with the stop: a listing or read-out that hangs is ended 3 s later.
+    DFU::RunStop run_stop;
     Command command = None;      // guarded by mutex
     bool stop_requested = false; // guarded by mutex
     mutable QMutex mutex;

@@ -328,6 +328,12 @@ void tst_ProgramVirtual::stopping_data()
         QStringLiteral("B1 install=0 done=0 flash=old"));
     row("window closed during the read-out", stalled_read_out,
         QStringLiteral("\"-U\"|>close|") + closes, QStringLiteral("B1 install=0 done=0 flash=old"));
+    // A read-out cannot harm the unit: one that hangs is ended 3 s after the quit.
+    row("window closed during a read-out that hangs",
+        with("--stall-after 100 --stall-ms 4800 --direction upload --once"),
+        QStringLiteral("\"-U\"|>close|") +
+            QString(closes).replace("|The transfer", "|still running after the stop|The transfer"),
+        QStringLiteral("B1 install=0 done=0 flash=old"));
 }
 
 void tst_ProgramVirtual::play()
