@@ -68,7 +68,7 @@ EXPORT int libusb_set_option(libusb_context* ctx, enum libusb_option option, ...
     return 0;
 }
 
-/* dfu-util 0.9 with -v; deprecated since libusb 1.0.22, still exported by Debian's libusb. */
+/* dfu-util 0.9 with -vvv; deprecated since libusb 1.0.22, still exported by Debian's libusb. */
 EXPORT void libusb_set_debug(libusb_context* ctx, int level)
 {
     (void)ctx;
