@@ -9,14 +9,14 @@
 
 namespace DFU {
 
-// Once requested, a run that cannot harm the unit (can_be_ended) that is still going grace_ms
-// later is ended: a device that hangs on the bus must not keep the program alive without a
-// window. A write, or the read-back that proves one, is never ended. Only the runs of a thread
-// that follows the stop (FollowStop) heed it.
+// Once requested, a run that cannot harm the unit (can_be_ended) that is still going 3 s later
+// is ended: a device that hangs on the bus must not keep the program alive without a window. A
+// write, or the read-back that proves one, is never ended. Only the runs of a thread that follows
+// the stop (FollowStop) heed it.
 class RunStop final
 {
 public:
-    explicit RunStop(qint64 grace_ms = 3000) : grace_ms(grace_ms) {}
+    RunStop() = default;
     Q_DISABLE_COPY_MOVE(RunStop)
 
     // From any thread; the first request starts the count-down.
@@ -24,7 +24,7 @@ public:
     bool expired() const;
 
 private:
-    const qint64 grace_ms;
+    static constexpr qint64 grace_ms = 3000;
     std::atomic<qint64> requested_at_ms{-1}; // on the steady clock
 };
 

@@ -6,7 +6,6 @@
 #include "dfu/deviceinfo.h"
 #include "dfu/dfuutil.h"
 #include "dfu/listingparser.h"
-#include "dfu/runstop.h"
 #include "dfu/scan.h"
 #include "support/files.h"
 #include "tools/imagetool/firmwareimage.h"
@@ -84,8 +83,6 @@ private slots:
     void self_test_data();
     void self_test();
     void waits_past_time_limit();
-    void ended_after_stop_data();
-    void ended_after_stop();
     void listing_data();
     void listing();
     void progress_data();
@@ -253,36 +250,6 @@ void tst_Dfu::waits_past_time_limit()
     QCOMPARE(result.exit_code, 0);
     QCOMPARE(result.output, QStringLiteral("late\n"));
     QCOMPARE(capture.lines().last(), QStringLiteral("info: will wait again, forever"));
-}
-
-// A stop requested before the run, without grace: only a run that cannot harm the unit, on a
-// thread that follows the stop, is ended; a write or a read-back always runs to its end.
-void tst_Dfu::ended_after_stop_data()
-{
-    QTest::addColumn<int>("id");
-    QTest::addColumn<bool>("followed");
-    QTest::addColumn<bool>("ended");
-    QTest::newRow("the worker's listing") << int(DFU::list) << true << true;
-    QTest::newRow("the worker's write") << int(DFU::download_FW) << true << false;
-    QTest::newRow("the worker's read-back") << int(DFU::upload_FW) << true << false;
-    QTest::newRow("a listing elsewhere") << int(DFU::list) << false << false;
-}
-
-void tst_Dfu::ended_after_stop()
-{
-    QFETCH(int, id);
-    QFETCH(bool, followed);
-    QFETCH(bool, ended);
-    DFU::Command::path.clear();
-    DFU::commands[DFU::CmdID(id)] = {QStringLiteral(LUMAXIS_FAKE_SLEEP), {"1"}};
-    DFU::RunStop stop(0);
-    stop.request();
-    std::optional<DFU::FollowStop> follow;
-    if (followed)
-        follow.emplace(stop);
-    const LogCapture capture;
-    QCOMPARE(DFU::run_command(DFU::CmdID(id), {}).exit_code, ended ? -1 : 0);
-    QCOMPARE(capture.lines().filter("still running after the stop").size(), ended ? 1 : 0);
 }
 
 void tst_Dfu::listing_data()
