@@ -197,6 +197,9 @@ void tst_ProgramVirtual::reading_data()
         QStringLiteral("B6 install=0 done=1 flash=new"));
     row("foreign DFU device beside the unit", with("--foreign-device"), upgrade + "entered B6",
         QStringLiteral("B6 install=0 done=1 flash=new"));
+    // Several STM32F4 system bootloaders report this serial.
+    row("serial not hex", {older + " --serial STM32FxSTM32"}, upgrade + "entered B6",
+        QStringLiteral("B6 install=0 done=1 flash=new"));
     row("other product", {QStringLiteral("create --type 4 --revision 2.2.0 --timing fast")},
         QStringLiteral("entered B8|"), QStringLiteral("B8 install=0 done=0 flash=old"));
     // B9 announces itself by its signals only: not upgradable, yet a differing revision.
