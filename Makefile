@@ -6,8 +6,10 @@ CMAKE_ARGS ?=
 FUZZ_SECONDS ?= 60
 SANITIZER_CTEST_ARGS ?=
 BENCH_BUILD_DIR ?= build-bench
+DFU09_BUILD_DIR ?= build-dfu-0.9
 
-.PHONY: all deps configure build test test-all demo package clean fuzz test-asan test-tsan bench
+.PHONY: all deps configure build test test-all demo package clean fuzz test-asan test-tsan bench \
+	test-dfu-0.9
 
 all: build
 
@@ -48,6 +50,19 @@ test-asan: deps
 
 test-tsan: deps
 	tools/sanitizers/test.sh thread build-tsan $(JOBS) $(SANITIZER_CTEST_ARGS)
+
+# The whole-program suites against the virtual unit with Debian 11's dfu-util 0.9 carried instead
+# of Debian 12's 0.11, in a build tree of its own; the package is fetched into that tree, not
+# installed (tools/dfu-util-0.9.sh).
+test-dfu-0.9: deps
+	@tools/install-deps.sh debian-archive-keyring
+	tools/dfu-util-0.9.sh $(DFU09_BUILD_DIR)/dfu-util-0.9 >/dev/null
+	cmake -S . -B $(DFU09_BUILD_DIR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) $(CMAKE_ARGS) \
+		-DLUMAXIS_DFU_UTIL_BINARY=$(abspath $(DFU09_BUILD_DIR))/dfu-util-0.9/usr/bin/dfu-util
+	cmake --build $(DFU09_BUILD_DIR) -j $(JOBS) --target tst_program_virtual tst_cli_virtual \
+		tst_virtualunit
+	cd $(DFU09_BUILD_DIR) && ctest --output-on-failure -j $(JOBS) -LE slow \
+		-R '^tst_(program_virtual|cli_virtual|virtualunit)'
 
 # Start-up, idle cost, upgrade overhead and memory (bench/), in a release-like build tree of its
 # own; the table lands in $(BENCH_BUILD_DIR)/bench-results.md. See docs/performance.md.

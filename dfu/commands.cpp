@@ -13,6 +13,7 @@
 #include <QLoggingCategory>
 #include <QProcess>
 
+#include "dfu/runstop.h"
 #include "support/terminatingsignals.h"
 
 namespace DFU {
@@ -36,6 +37,7 @@ Command entry(QList<QString> args)
 
 QString Command::path;
 QString Command::serial;
+QString Command::usb_path;
 
 // Transfers name the bootloader's DFU-mode ids: "-d 0483" alone sets only dfu-util's run-time
 // filter, so any other DFU-mode device on the bus would match too and the transfer would refuse to
@@ -72,8 +74,12 @@ QList<QString> arguments(CmdID id, const QList<QString>& extra_args)
 {
     // In front: the table's last option may be one whose value the extra arguments give ("-U").
     QList<QString> args;
-    if (!Command::serial.isEmpty() && id != version)
-        args << QStringLiteral("-S") << Command::serial;
+    if (id != version) {
+        if (!Command::serial.isEmpty())
+            args << QStringLiteral("-S") << Command::serial;
+        if (!Command::usb_path.isEmpty())
+            args << QStringLiteral("-p") << Command::usb_path;
+    }
     return args + commands[id].args + extra_args; // inserts the default entry for an unknown id
 }
 
@@ -142,26 +148,49 @@ void log_first_wait_over(const QProcess& process, Output& output)
     output.text.clear();
 }
 
-// Reads the tool's output until it ends: within the first 30 s, then, once that is logged, without
-// limit. A tool that could not be started lands in the time-out branch at once, as a wait would.
-void wait_for_end(QProcess& process, bool started, Output& output)
+// A run that a requested stop may end, still running after its grace time, is ended here.
+bool ended_by_stop(QProcess& process, const RunStop* stop, const QString& program,
+                   const QList<QString>& args)
+{
+    if (!stop || !stop->expired() || process.state() == QProcess::NotRunning)
+        return false;
+    qInfo() << "Ending" << program << args << "- still running after the stop";
+    process.kill();
+    process.waitForFinished(-1);
+    return true;
+}
+
+// Waits until the deadline for output or, once the tool has closed its output and runs on, for
+// its end. A run that a stop may end waits in short steps, so that it is ended on time.
+void wait_step(QProcess& process, Output& output, const QDeadlineTimer& until, const RunStop* stop)
+{
+    const auto step = [&] {
+        const qint64 ms = until.remainingTime(); // -1 without limit
+        return stop && (ms < 0 || ms > 100) ? 100 : int(ms);
+    };
+    if (process.waitForReadyRead(step()))
+        output.take(process);
+    else if (process.state() != QProcess::NotRunning && !until.hasExpired())
+        process.waitForFinished(step());
+}
+
+// A run that a requested stop may end (stop not null) is ended when it outlives it.
+void wait_for_end(QProcess& process, bool started, Output& output, const RunStop* stop,
+                  const QString& program, const QList<QString>& args)
 {
     QDeadlineTimer first_wait(started ? first_wait_ms : 0);
     while (!first_wait.hasExpired() && process.state() != QProcess::NotRunning) {
-        if (process.waitForReadyRead(int(first_wait.remainingTime())))
-            output.take(process);
-        else if (process.state() != QProcess::NotRunning && !first_wait.hasExpired())
-            // The tool closed its output and runs on: wait for its end within the limit.
-            process.waitForFinished(int(first_wait.remainingTime()));
+        if (ended_by_stop(process, stop, program, args))
+            return;
+        wait_step(process, output, first_wait, stop);
     }
     if (!started || process.state() != QProcess::NotRunning) {
         output.take(process);
         log_first_wait_over(process, output);
         while (process.state() != QProcess::NotRunning) {
-            if (process.waitForReadyRead(-1))
-                output.take(process);
-            else if (process.state() != QProcess::NotRunning)
-                process.waitForFinished(-1);
+            if (ended_by_stop(process, stop, program, args))
+                return;
+            wait_step(process, output, QDeadlineTimer(QDeadlineTimer::Forever), stop);
         }
     }
     output.take(process);
@@ -228,7 +257,8 @@ CommandResult run_command(CmdID id, const QList<QString>& extra_args,
     QProcess process;
     const bool started = start_in_own_group(process, program, args);
     Output output(on_progress);
-    wait_for_end(process, started, output);
+    wait_for_end(process, started, output, can_be_ended(id) ? followed_stop() : nullptr, program,
+                 args);
 
     const CommandResult result = result_of(process, output.text);
     if (result.exit_code != 0) {

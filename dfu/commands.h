@@ -34,6 +34,9 @@ struct Command
     // for callers that choose among several units; empty, as the window has it, leaves every
     // command line as the table gives it. Set it only while no run is under way.
     static QString serial;
+    // The same for the unit's USB path (dfu-util's "-p", e.g. "1-2.4"): where units report one
+    // serial, the path alone tells them apart.
+    static QString usb_path;
 
     operator QString() const;
 };
@@ -55,7 +58,8 @@ QString command_name(CmdID id);
 using RunObserver = std::function<void(CmdID id, int exit_code)>;
 void observe_runs(RunObserver observer);
 
-// What run_command passes to the tool: the serial selection, the table's arguments, extra_args.
+// What run_command passes to the tool: the unit selection (serial, path), the table's arguments,
+// extra_args.
 QList<QString> arguments(CmdID id, const QList<QString>& extra_args);
 
 CommandResult run_command(CmdID id, const QList<QString>& extra_args);

@@ -8,14 +8,16 @@
 
 namespace DFU::dfu_util {
 
-// The exact "-V" output of the release this program was built against.
+// The exact "-V" output of the release this program was built against (0.9).
 extern const QString expected_output_of_execution_test;
+// The "-V" output of the dfu-util this build carries, recorded when it was embedded.
+QString carried_tool_banner();
 
 QString basename();
 QString full_path();
 
-// Whether a "-V" output equals the expected banner, after the line-end clean-up that a build for
-// the given platform applies.
+// Whether a "-V" output equals the expected banner or the carried tool's, after the line-end
+// clean-up that a build for the given platform applies.
 bool is_expected_output(QString output, support_misc::Platform built_for);
 
 // Runs the tool once and logs the outcome; start-up goes on whatever it returns.

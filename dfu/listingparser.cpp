@@ -6,17 +6,27 @@
 #include <QStringList>
 
 QString DfuUtilParser::prefix_RE = QStringLiteral(R"(^Found DFU: \[0483:df11\] ver=2200)");
-QString DfuUtilParser::extract_serial_RE = QStringLiteral(R"re(serial="([0-9a-fA-F]+)")re");
+// The serial is whatever stands between the quotes: several STM32F4 system bootloaders report
+// "STM32FxSTM32" or "STM32", others a fixed placeholder. dfu-util prints it as the line's last field
+// (list_dfu_interfaces in 0.8 to 0.11), so the text runs to the line's last quote.
+QString DfuUtilParser::extract_serial_RE = QStringLiteral(R"re(serial="(.+)")re");
+// dfu-util 0.8 prints no path.
+QString DfuUtilParser::extract_path_RE = QStringLiteral(R"re(path="([^"]*)")re");
 
 namespace {
 
 // The bootloader lists one line per alternate setting; the unit has four of them.
 constexpr int lines_per_unit = 4;
 
+// What dfu-util prints for a serial it could not read (dfu_util.c, probe_configuration): no
+// serial at all, as with a unit still enumerating whose strings are not readable yet.
+const QString unreadable_serial = QStringLiteral("UNKNOWN");
+
 struct CompiledPatterns
 {
     QRegularExpression prefix{DfuUtilParser::prefix_RE};
     QRegularExpression serial{DfuUtilParser::extract_serial_RE};
+    QRegularExpression path{DfuUtilParser::extract_path_RE};
 };
 
 // Compiled on first use and kept; a function-level static is initialised thread-safely.
@@ -43,15 +53,18 @@ DfuUtilParser::DfuUtilParser(const QString& listing)
     int countdown = lines_per_unit;
     for (const QString& line : kept) {
         const QRegularExpressionMatch match = re.serial.match(line);
-        if (!match.hasMatch()) {
+        if (!match.hasMatch() || match.captured(1) == unreadable_serial) {
             qDebug() << "Listing line without serial number:" << line;
             status = no_dfu_device;
             return;
         }
         const QString serial = match.captured(1);
+        const QString path = re.path.match(line).captured(1);
         // Only the preceding entry is compared, so alternating units repeat their numbers.
-        if (serials.isEmpty() || serials.last() != serial)
+        if (serials.isEmpty() || serials.last() != serial || paths.last() != path) {
             serials << serial;
+            paths << path;
+        }
         --countdown;
     }
 

@@ -20,11 +20,15 @@ public:
     QString status_as_string() const;
 
     Status status = no_dfu_device;
-    // In order of appearance, without repeats of the immediately preceding entry.
+    // One entry per unit in order of appearance, without repeats of the immediately preceding
+    // unit. A unit is its USB path and its serial: some bootloaders report one placeholder serial
+    // on every unit.
     QList<QString> serials;
+    QList<QString> paths; // beside serials; empty where the listing has no path (dfu-util 0.8)
     // 0 when parsing stopped early at a line without a serial number.
     int number_of_devices = 0;
 
     static QString prefix_RE;
     static QString extract_serial_RE;
+    static QString extract_path_RE;
 };

@@ -9,17 +9,17 @@ namespace DFU {
 
 DeviceItem::operator QString() const
 {
-    return QStringLiteral("DeviceItem: serial ") + serial;
+    return QStringLiteral("DeviceItem: serial %1, path %2").arg(serial, path);
 }
 
 ScanResult::operator QString() const
 {
-    QStringList serials;
+    QStringList units;
     for (const DeviceItem& item : devices)
-        serials << item.serial;
+        units << (item.path.isEmpty() ? item.serial : item.serial + QStringLiteral(" at ") + item.path);
     return QStringLiteral("ScanResult: status %1, devices: %2")
         .arg(status)
-        .arg(serials.join(QLatin1Char(',')));
+        .arg(units.join(QLatin1Char(',')));
 }
 
 QDebug operator<<(QDebug dbg, const DeviceItem& item)
@@ -40,8 +40,8 @@ ScanResult scan_for_devices(QString listing)
 {
     const DfuUtilParser parser(listing);
     ScanResult result;
-    for (const QString& serial : parser.serials)
-        result.devices << DeviceItem{serial};
+    for (qsizetype i = 0; i < parser.serials.size(); ++i)
+        result.devices << DeviceItem{parser.serials[i], parser.paths[i]};
     if (parser.status == DfuUtilParser::one_dfu_device)
         result.status = 0;
     return result;

@@ -7,11 +7,20 @@
 
 namespace DFU {
 
+// A unit is its serial and its USB path together: two units may report the same serial.
 struct DeviceItem
 {
-    QString serial; // hexadecimal digits, case as listed
+    QString serial; // as listed, whatever it holds
+    // "1-2.4", dfu-util's "-p"; empty where the listing gives none. Initialised, so that
+    // DeviceItem{serial} stays a complete initialisation.
+    QString path{};
 
     operator QString() const;
+    bool operator==(const DeviceItem& other) const
+    {
+        return serial == other.serial && path == other.path;
+    }
+    bool operator!=(const DeviceItem& other) const { return !(*this == other); }
 };
 
 struct ScanResult

@@ -8,20 +8,6 @@
 #include "dfu/scan.h"
 #include "fuzz/fuzzcheck.h"
 
-namespace {
-
-bool is_hex(const QString& text)
-{
-    for (const QChar c : text) {
-        const char16_t u = c.unicode();
-        if (!((u >= '0' && u <= '9') || (u >= 'a' && u <= 'f') || (u >= 'A' && u <= 'F')))
-            return false;
-    }
-    return !text.isEmpty();
-}
-
-} // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     using fuzz::require;
@@ -40,18 +26,22 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             "one unit means one serial");
     require(parser.status != DfuUtilParser::multiple_dfu_devices || parser.serials.size() > 1,
             "several units means several serials");
+    require(parser.paths.size() == parser.serials.size(), "one path per serial");
     for (qsizetype i = 0; i < parser.serials.size(); ++i) {
-        require(is_hex(parser.serials[i]), "a serial is a non-empty run of hexadecimal digits");
-        require(i == 0 || parser.serials[i] != parser.serials[i - 1],
-                "no serial repeats the one before it");
+        const QString& serial = parser.serials[i];
+        require(!serial.isEmpty() && !serial.contains(QLatin1Char('\n')) &&
+                    serial != QLatin1String("UNKNOWN"),
+                "a serial is the non-empty text of one line, never dfu-util's UNKNOWN");
+        require(i == 0 || serial != parser.serials[i - 1] || parser.paths[i] != parser.paths[i - 1],
+                "no unit repeats the one before it");
     }
 
     const DFU::ScanResult scan = DFU::scan_for_devices(listing);
     require((scan.status == 0) == (parser.status == DfuUtilParser::one_dfu_device),
             "a scan succeeds exactly when the parser sees one unit");
-    require(scan.devices.size() == parser.serials.size(), "one device item per serial");
+    require(scan.devices.size() == parser.serials.size(), "one device item per unit");
     for (qsizetype i = 0; i < scan.devices.size(); ++i)
-        require(scan.devices[i].serial == parser.serials[i],
-                "device items keep the serials' order");
+        require(scan.devices[i] == DFU::DeviceItem{parser.serials[i], parser.paths[i]},
+                "device items keep the units' order");
     return 0;
 }

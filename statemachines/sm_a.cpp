@@ -51,6 +51,7 @@ SM_A::~SM_A()
         QMutexLocker lock(&mutex);
         stop_requested = true;
     }
+    run_stop.request();
     wait_condition.wakeOne();
     qDebug() << "SM_A: Waiting in dtor";
     // Never terminate: a dfu-util run cut off mid-transfer could leave the unit half-written.
@@ -86,6 +87,7 @@ void SM_A::do_stop()
         QMutexLocker lock(&mutex);
         stop_requested = true;
     }
+    run_stop.request();
     // An idle worker leaves its pause at once rather than after it.
     wait_condition.wakeAll();
 }
@@ -156,13 +158,14 @@ void SM_A::check_device_access()
 
 void SM_A::run()
 {
+    const DFU::FollowStop follow(run_stop);
     bool first_cycle = true; // the very first scan starts without a pause
     Position position = Position::A0;
     for (;;) {
         switch (position) {
         case Position::A0: {
             emit sig_A0_entered();
-            current_serial.clear();
+            current_unit = {};
 
             emit sig_A1_entered();
             if (is_stopping()) {
@@ -184,33 +187,39 @@ void SM_A::run()
             if (!is_single_unit(scan)) {
                 if (scan.devices.isEmpty()) {
                     // Gone: a unit that failed while it was still enumerating starts afresh.
-                    failed_serial.clear();
+                    failed_unit = {};
                     check_device_access();
                 }
                 position = Position::A0;
                 break;
             }
             const DFU::DeviceItem& item = scan.devices.first();
-            if (item.serial == current_serial) {
+            // Path and serial: two units that report the same serial are still two units.
+            if (item == current_unit) {
                 position = Position::A4;
                 break;
             }
             emit sig_readingInfo();
             emit sig_NoDevConn();
-            current_serial = item.serial;
+            current_unit = item;
             // Every unit starts from a fresh record: nothing of the last one may carry over.
             device_info = DFU::DeviceInfo();
             const DFU::CommandResult result =
                 transfer([&] { return DFU::read_device_info(&item, &device_info); });
             if (result.exit_code == 0) {
-                failed_serial.clear();
+                failed_unit = {};
                 failed_reads = 0;
                 emit sig_DevConn(device_info);
                 position = Position::A4;
                 break;
             }
-            failed_reads = item.serial == failed_serial ? failed_reads + 1 : 1;
-            failed_serial = item.serial;
+            if (is_stopping()) {
+                // Perhaps ended by the stop: it says nothing about the unit.
+                position = Position::A0;
+                break;
+            }
+            failed_reads = item == failed_unit ? failed_reads + 1 : 1;
+            failed_unit = item;
             if (failed_reads < Upgrade::read_attempts) {
                 // Start a new cycle: the unit is read again if the next scan still finds it.
                 qInfo() << "Reading the unit failed, attempt" << failed_reads << "of"
@@ -232,11 +241,11 @@ void SM_A::run()
             while (!is_stopping()) {
                 pause(connected_poll_ms);
                 const DFU::ScanResult scan = DFU::make_scan();
-                if (!is_single_unit(scan) || scan.devices.first().serial != current_serial) {
+                if (!is_single_unit(scan) || scan.devices.first() != current_unit) {
                     break;
                 }
             }
-            failed_serial.clear();
+            failed_unit = {};
             position = Position::A0;
             break;
         }

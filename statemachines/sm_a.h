@@ -10,6 +10,8 @@
 #include <QWaitCondition>
 
 #include "dfu/deviceinfo.h"
+#include "dfu/runstop.h"
+#include "dfu/scan.h"
 
 class SM_A final : public QThread
 {
@@ -95,8 +97,8 @@ private:
 
     // The worker's own: read and written on its thread only.
     DFU::DeviceInfo device_info;
-    QString current_serial;
-    QString failed_serial; // the unit whose read-outs failed lately, and how often
+    DFU::DeviceItem current_unit;
+    DFU::DeviceItem failed_unit; // the unit whose read-outs failed lately, and how often
     int failed_reads = 0;
     QString inaccessible_node;
     qint32 no_device_poll_ms = 200;
@@ -104,6 +106,8 @@ private:
     bool access_watched = false;
 
     std::atomic<bool> in_transfer{false};
+    // Requested with the stop: a listing or read-out that hangs is ended 3 s later.
+    DFU::RunStop run_stop;
     Command command = None;      // guarded by mutex
     bool stop_requested = false; // guarded by mutex
     mutable QMutex mutex;

@@ -61,10 +61,10 @@ void tst_Faults::fault_data()
         << "tool download_FW:kill -SEGV $$"
         << "entered B2|>click|Exit with -1 from|entered B1|entered B2|>state|install=1 bar=hidden"
         << 0;
-    // Past the runner's 30 s the window still answers. Escape and closing wait for the run, which
-    // is never killed: the window says so and closes itself once the tool has ended.
-    QTest::newRow("tool hangs") << "tool upload_OTP:exec sleep 34"
-                                << "did not finish in time|will wait again|>state|"
+    // Past the runner's 30 s the window still answers. Escape and closing wait for the write,
+    // which is never killed: the window says so and closes itself once the tool has ended.
+    QTest::newRow("tool hangs") << "tool download_FW:exec sleep 34"
+                                << "entered B2|>click|did not finish in time|will wait again|>state|"
                                    ">key Escape|Oops, SM_A not dead yet|"
                                    "Status line: Finishing the running transfer|>close|"
                                    "Closing waits for the running transfer|>state|visible=1|"

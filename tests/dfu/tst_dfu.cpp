@@ -16,20 +16,22 @@ const QString A = QStringLiteral("3473375A3334");
 const QString B = QStringLiteral("205F32845431");
 const QString fake = QStringLiteral(FAKE_DFU_UTIL_DIR "/dfu-util");
 
-QString line(const QString& serial, int alt = 0, const QString& release = QStringLiteral("2200"))
+// A listing line as dfu-util 0.9 to 0.11 prints it for alternate setting alt of a unit.
+QString line(const QString& serial, int alt = 0, const QString& path = QStringLiteral("1-2.4"),
+             const QString& release = QStringLiteral("2200"))
 {
-    return QStringLiteral("Found DFU: [0483:df11] ver=%1, devnum=7, cfg=1, intf=0, path=\"1-2.4\", "
-                          "alt=%2, name=\"@Internal Flash\"%3\n")
-        .arg(release, QString::number(alt),
+    return QStringLiteral("Found DFU: [0483:df11] ver=%1, devnum=7, cfg=1, intf=0, path=\"%2\", "
+                          "alt=%3, name=\"@Internal Flash\"%4\n")
+        .arg(release, path, QString::number(alt),
              serial.isEmpty() ? QString() : QStringLiteral(", serial=\"%1\"").arg(serial));
 }
 
-// The first count lines of one unit; the bootloader lists four alternate settings.
-QString unit(const QString& serial, int count = 4)
+// The first count lines of one unit, alternate setting 3 first as releases list them.
+QString unit(const QString& serial, int count = 4, const QString& path = QStringLiteral("1-2.4"))
 {
     QString text;
     for (int i = 0; i < count; ++i)
-        text += line(serial, 3 - i % 4);
+        text += line(serial, 3 - i % 4, path);
     return text;
 }
 
@@ -133,35 +135,38 @@ void tst_Dfu::command_table()
     QVERIFY(!DFU::dfu_util::is_expected_output(crlf, support_misc::Platform::macOS));
 }
 
-// The window never selects by serial: without one, every run's command line is the table's; the
-// companion's selection goes in front, where no option of the table can take it for its value.
+// The window never selects a unit: without a serial or path, every run's command line is the
+// table's; the companion's selection goes in front, where no option of the table can take it for
+// its value.
 void tst_Dfu::serial_selection_data()
 {
     QTest::addColumn<int>("id");
     QTest::addColumn<QString>("serial");
-    QTest::addColumn<QStringList>("extra");
+    QTest::addColumn<QString>("path");
     QTest::addColumn<QString>("expected");
-    const QStringList file{"x.bin"};
     const QString otp = "-d ,0483:df11 -a 2 -s 0x1FFF7800:512 -U x.bin";
-    QTest::newRow("window: read-back")
-        << int(DFU::upload_FW) << "" << QStringList{"-s", "0x08000000:4096", "-U", "x.bin"}
-        << "-d ,0483:df11 -a 0 -s 0x08000000:4096 -U x.bin";
-    QTest::newRow("serial: version untouched") << int(DFU::version) << A << QStringList() << "-V";
-    QTest::newRow("serial: list") << int(DFU::list) << A << QStringList()
-                                  << "-S " + A + " -d 0483 -l";
-    QTest::newRow("serial: OTP, -U keeps its file") << int(DFU::upload_OTP) << A << file
-                                                    << "-S " + A + " " + otp;
+    const int list = DFU::list, otp_read = DFU::upload_OTP;
+    QTest::newRow("window: the table's own") << otp_read << QString() << QString() << otp;
+    QTest::newRow("serial: version untouched") << int(DFU::version) << A << "1-2.3"
+                                               << "-V";
+    QTest::newRow("serial and path: list") << list << A << "1-2.3"
+                                           << "-S " + A + " -p 1-2.3 -d 0483 -l";
+    QTest::newRow("serial: OTP, -U keeps its file")
+        << otp_read << A << QString() << "-S " + A + " " + otp;
 }
 
 void tst_Dfu::serial_selection()
 {
     QFETCH(int, id);
     QFETCH(QString, serial);
-    QFETCH(QStringList, extra);
+    QFETCH(QString, path);
     QFETCH(QString, expected);
     DFU::Command::serial = serial;
-    const QStringList args = DFU::arguments(DFU::CmdID(id), extra);
+    DFU::Command::usb_path = path;
+    const QStringList args = DFU::arguments(
+        DFU::CmdID(id), id == DFU::upload_OTP ? QStringList{"x.bin"} : QStringList());
     DFU::Command::serial.clear();
+    DFU::Command::usb_path.clear();
     QCOMPARE(args.join(' '), expected);
 }
 
@@ -179,6 +184,13 @@ void tst_Dfu::self_test_data()
     const QString result = QStringLiteral("info: Result of execution test: status was %1");
     QTest::newRow("expected banner") << fake << QByteArray("0") << banner << true
                                      << QStringList{result.arg("ok and output: \"as expected\"")};
+    QTest::newRow("the carried tool's banner")
+        << fake << QByteArray("0") << DFU::dfu_util::carried_tool_banner() << true
+        << QStringList{result.arg("ok and output: \"as expected\"")};
+    const QString other = QStringLiteral("dfu-util 0.10\n\nCopyright 2010-2020 Tormod Volden\n\n");
+    QTest::newRow("another release's banner")
+        << fake << QByteArray("0") << other << false
+        << QStringList{result.arg("ok and output: " + shown(other))};
     QTest::newRow("banner, exit 1")
         << fake << QByteArray("1") << banner << false
         << QStringList{exit_line.arg("1", shown(fake, QList<QString>{"-V"}), shown(banner)),
@@ -232,36 +244,50 @@ void tst_Dfu::listing_data()
 {
     QTest::addColumn<QString>("listing");
     QTest::addColumn<int>("status");
-    QTest::addColumn<QStringList>("serials");
+    QTest::addColumn<QString>("devices"); // as the scan result's text shows them
 
     const QString banner = QStringLiteral("dfu-util 0.11\n\nCopyright 2010-2021 Tormod Volden\n\n");
-    QTest::newRow("nothing attached") << banner << 0 << QStringList();
-    QTest::newRow("one unit") << banner + unit(A) << 1 << QStringList{A};
-    QTest::newRow("three lines") << banner + unit(A, 3) << 2 << QStringList{A};
-    QTest::newRow("two units") << unit(A) + unit(B) << 3 << QStringList{A, B};
-    QTest::newRow("other release ignored") << unit(A) + line(A, 0, "2201") << 1 << QStringList{A};
-    QTest::newRow("CRLF") << QString(unit(A)).replace("\n", "\r\n") << 1 << QStringList{A};
-    QTest::newRow("lower-case serial") << unit("3473375a3334") << 1 << QStringList{"3473375a3334"};
-    QTest::newRow("non-hex serial") << unit("UNKNOWN") << 0 << QStringList();
-    QTest::newRow("other vendor") << QString(line(B)).replace("0483:df11", "1d50:6017") + unit(A)
-                                  << 1 << QStringList{A};
+    const QString a = A + " at 1-2.4", b = B + " at 1-2.3";
+    QTest::newRow("nothing attached") << banner << 0 << "";
+    QTest::newRow("one unit") << banner + unit(A) << 1 << a;
+    QTest::newRow("three lines") << banner + unit(A, 3) << 2 << a;
+    QTest::newRow("two units") << unit(A) + unit(B, 4, "1-2.3") << 3 << a + "," + b;
+    QTest::newRow("other release ignored")
+        << unit(A) + line(A, 0, "1-2.4", "2201") << 1 << a;
+    QTest::newRow("CRLF") << QString(unit(A)).replace("\n", "\r\n") << 1 << a;
+    // The forms of listings published with real parts attached.
+    QTest::newRow("serial not hex (F401/F411, F446)")
+        << unit("STM32FxSTM32") << 1 << "STM32FxSTM32 at 1-2.4";
+    QTest::newRow("one placeholder serial on two units")
+        << unit("FFFFFFFEFFFF") + unit("FFFFFFFEFFFF", 4, "1-2.3") << 3
+        << "FFFFFFFEFFFF at 1-2.4,FFFFFFFEFFFF at 1-2.3";
+    QTest::newRow("dfu-util 0.8: no path") << QString(unit(A)).remove(" path=\"1-2.4\",") << 1 << A;
+    QTest::newRow("alternate setting 0 first")
+        << line(A, 0) + line(A, 1) + line(A, 2) + line(A, 3) << 1 << a;
+    QTest::newRow("a Runtime device and another maker's DFU device beside it")
+        << "Found Runtime: [0483:5740] ver=0200, devnum=12, cfg=1, intf=2, path=\"1-1\", alt=0, "
+           "name=\"UNKNOWN\", serial=\"UNKNOWN\"\n"
+           "Found DFU: [1d50:6017] ver=0100, devnum=5, cfg=1, intf=0, path=\"1-3\", alt=0, "
+           "name=\"@Internal Flash   /0x08000000/8*001Ka,120*001Kg\", serial=\"7D8C41A2\"\n" +
+               unit(A)
+        << 1 << a;
+    QTest::newRow("serial unreadable: dfu-util's UNKNOWN") << unit("UNKNOWN") << 0 << "";
     QTest::newRow("line without serial stops")
-        << line(A, 3) + line(B, 2) + line(QString(), 1) + line(A, 0) << 0 << QStringList{A, B};
+        << line(A, 3) + line(B, 2) + line(QString(), 1) + line(A, 0) << 0
+        << a + "," + B + " at 1-2.4";
 }
 
 void tst_Dfu::listing()
 {
     QFETCH(QString, listing);
     QFETCH(int, status);
-    QFETCH(QStringList, serials);
+    QFETCH(QString, devices);
 
-    const DFU::ScanResult scan = DFU::scan_for_devices(listing);
     QCOMPARE(int(DfuUtilParser(listing).status), status);
-    QCOMPARE(scan.status, status == DfuUtilParser::one_dfu_device ? 0 : 1);
-    QStringList scanned;
-    for (const DFU::DeviceItem& item : scan.devices)
-        scanned << item.serial;
-    QCOMPARE(scanned, serials);
+    QCOMPARE(QString(DFU::scan_for_devices(listing)),
+             QStringLiteral("ScanResult: status %1, devices: %2")
+                 .arg(status == DfuUtilParser::one_dfu_device ? 0 : 1)
+                 .arg(devices));
 }
 
 // dfu-util's progress line as it redraws it: "\r<stage>\t[<25 cells>] <pct>% <n> bytes".

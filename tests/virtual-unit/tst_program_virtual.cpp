@@ -13,6 +13,7 @@
 
 #include "common/programrun.h"
 #include "common/virtualunit.h"
+#include "dfu/dfuutil.h"
 #include "dfu/listingparser.h"
 
 namespace {
@@ -53,6 +54,10 @@ QStringList with(const Fault& fault, long long after, const char* direction)
                     .arg(after)
                     .arg(QLatin1String(direction), QLatin1String(fault.more)));
 }
+
+// dfu-util 0.9 prints no erase stage: it erases each sector as its first block comes.
+const bool erase_stage =
+    !DFU::dfu_util::carried_tool_banner().startsWith(QLatin1String("dfu-util 0.9\n"));
 
 // Steps split at "|" (programrun.h), plus "unit ..." for the control program.
 const QString upgrade = QStringLiteral("entered B2|>click|entered B3|entered B1|entered B4|");
@@ -168,6 +173,9 @@ void tst_ProgramVirtual::reading_data()
         QStringLiteral("B6 install=0 done=1 flash=new"));
     row("foreign DFU device beside the unit", with("--foreign-device"), upgrade + "entered B6",
         QStringLiteral("B6 install=0 done=1 flash=new"));
+    // Several STM32F4 system bootloaders report this serial.
+    row("serial not hex", {older + " --serial STM32FxSTM32"}, upgrade + "entered B6",
+        QStringLiteral("B6 install=0 done=1 flash=new"));
     row("other product", {QStringLiteral("create --type 4 --revision 2.2.0 --timing fast")},
         QStringLiteral("entered B8|"), QStringLiteral("B8 install=0 done=0 flash=old"));
     // B9 announces itself by its signals only: not upgradable, yet a differing revision.
@@ -197,32 +205,39 @@ void tst_ProgramVirtual::writing_data()
 
     // The bar follows dfu-util through each phase.
     row("complete upgrade", {older},
-        QStringLiteral("entered B2|>click|entered B3|% progress_erasing|% progress_writing|"
-                       "% progress_restarting|entered B1|% progress_verifying|entered B4|") +
+        QStringLiteral("entered B2|>click|entered B3|") +
+            (erase_stage ? "% progress_erasing|" : "") +
+            "% progress_writing|% progress_restarting|entered B1|% progress_verifying|entered B4|" +
             done,
         written);
     // The third erase: the first sectors, information block and all, are already blank, and the
-    // unit is offered the install again. Then the data: 573088 bytes, the first block ends at
-    // 2048, the last begins at 571392; a unit broken off there names the new revision and
-    // differs.
+    // unit is offered the install again; dfu-util 0.9 has written them by then, and as the two
+    // images differ only there, the unit holds the whole new image. Then the data: 573088 bytes,
+    // the first block ends at 2048, the last begins at 571392; a unit broken off there names the
+    // new revision and differs.
     const struct
     {
         const char* name;
         long long after;
         const char* direction;
         bool blank;
-    } places[] = {{"erase", 2, "erase", true},
-                  {"first block", 0, "download", true},
-                  {"middle block", 286000, "download", false},
-                  {"last block", 571400, "download", false}};
+        bool whole; // the unit holds the whole new image all the same
+    } places[] = {{"erase", 2, "erase", erase_stage, !erase_stage},
+                  {"first block", 0, "download", true, false},
+                  {"middle block", 286000, "download", false, false},
+                  {"last block", 571400, "download", false, false}};
     for (const auto& place : places)
         for (const Fault& fault : faults) {
-            const QString steps =
-                place.blank    ? unplugged_download + (fault.pulled ? "unit plug|" : "") + offered
-                : fault.pulled ? unplugged_download + "unit plug|entered B4|" + differs
-                               : upgrade + differs;
+            const QString back = unplugged_download + (fault.pulled ? "unit plug|" : "");
+            const QString steps = place.blank    ? back + offered
+                                  : place.whole  ? back + "entered B4|" + done
+                                  : fault.pulled ? back + "entered B4|" + differs
+                                                 : upgrade + differs;
             row(QByteArray(place.name) + ": " + fault.name,
-                with(fault, place.after, place.direction), steps, place.blank ? emptied : broken);
+                with(fault, place.after, place.direction), steps,
+                place.blank   ? emptied
+                : place.whole ? written
+                              : broken);
         }
     // dfu-util fails the leave although the image is written: the read-back decides.
     row("leave's last poll fails", with("--leave-status-fails --once"), upgrade + done, written);
@@ -271,7 +286,8 @@ void tst_ProgramVirtual::stopping_data()
     // Each dfu-util poll waits 3 ms: a write of about 4 s, so the key comes while it runs. Install
     // stays enabled while the flow writes, as it always has; a click there is dropped.
     const QStringList slow{older, QStringLiteral("inject --poll-ms 3")};
-    const QString writing = QStringLiteral("entered B2|>click|entered B3|\"-D\"|% progress_erasing|");
+    const QString writing = QStringLiteral("entered B2|>click|entered B3|\"-D\"|") +
+                            (erase_stage ? "% progress_erasing|" : "% progress_writing|");
     const QString finishing = QStringLiteral("Status line: Finishing the running transfer|");
     const QString stopped = QStringLiteral("Status line: Stopped|");
     const QString closes =
@@ -305,6 +321,12 @@ void tst_ProgramVirtual::stopping_data()
         QStringLiteral("B1 install=0 done=0 flash=old"));
     row("window closed during the read-out", stalled_read_out,
         QStringLiteral("\"-U\"|>close|") + closes, QStringLiteral("B1 install=0 done=0 flash=old"));
+    // A read-out cannot harm the unit: one that hangs is ended 3 s after the quit.
+    row("window closed during a read-out that hangs",
+        with("--stall-after 100 --stall-ms 4800 --direction upload --once"),
+        QStringLiteral("\"-U\"|>close|") +
+            QString(closes).replace("|The transfer", "|still running after the stop|The transfer"),
+        QStringLiteral("B1 install=0 done=0 flash=old"));
 }
 
 void tst_ProgramVirtual::play()

@@ -1,4 +1,5 @@
-/* The libusb-1.0 functions dfu-util imports, answered by the virtual unit instead of USB. */
+/* The libusb-1.0 functions dfu-util 0.9 to 0.11 import, answered by the virtual unit instead of
+ * USB. */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -65,6 +66,13 @@ EXPORT int libusb_set_option(libusb_context* ctx, enum libusb_option option, ...
     (void)ctx;
     vu_trace("set_option %d", (int)option);
     return 0;
+}
+
+/* dfu-util 0.9 with -vvv; deprecated since libusb 1.0.22, still exported by Debian's libusb. */
+EXPORT void libusb_set_debug(libusb_context* ctx, int level)
+{
+    (void)ctx;
+    vu_trace("set_debug %d", level);
 }
 
 EXPORT const struct libusb_version* libusb_get_version(void)
@@ -424,6 +432,35 @@ EXPORT int libusb_reset_device(libusb_device_handle* dev_handle)
     dev_handle->unit.state = VU_dfuIDLE;
     dev_handle->unit.status = VU_OK;
     return 0;
+}
+
+/* dfu-util 0.9 reads names and serials through this; 0.10 and 0.11 send the requests
+ * themselves. As libusb 1.0.26 does it (descriptor.c): the first language of the list, then the
+ * string in that language, each character outside ASCII as '?'. */
+EXPORT int libusb_get_string_descriptor_ascii(libusb_device_handle* dev_handle, uint8_t desc_index,
+                                              unsigned char* data, int length)
+{
+    if (desc_index == 0 || !data || length <= 0)
+        return LIBUSB_ERROR_INVALID_PARAM;
+    unsigned char buffer[255];
+    int r = libusb_get_string_descriptor(dev_handle, 0, 0, buffer, 4);
+    if (r < 0)
+        return r;
+    if (r != 4 || buffer[0] < 4 || buffer[1] != LIBUSB_DT_STRING)
+        return LIBUSB_ERROR_IO;
+    const uint16_t langid = (uint16_t)(buffer[2] | buffer[3] << 8);
+    r = libusb_get_string_descriptor(dev_handle, desc_index, langid, buffer, sizeof buffer);
+    if (r < 0)
+        return r;
+    if (r < 2 || buffer[0] > r || buffer[1] != LIBUSB_DT_STRING)
+        return LIBUSB_ERROR_IO;
+    int out = 0;
+    for (int at = 2; at + 1 < buffer[0] && out < length - 1; at += 2) {
+        const unsigned unit = (unsigned)(buffer[at] | buffer[at + 1] << 8);
+        data[out++] = unit < 0x80 ? (unsigned char)unit : '?';
+    }
+    data[out] = 0;
+    return out;
 }
 
 EXPORT int libusb_control_transfer(libusb_device_handle* dev_handle, uint8_t request_type,
