@@ -1,6 +1,7 @@
 #include "cli/companion.h"
 
 #include <cstdio>
+#include <optional>
 
 #include <QElapsedTimer>
 #include <QJsonArray>
@@ -62,35 +63,43 @@ private:
 
 Companion::Companion(Options options, Console* console)
     : options(std::move(options)), console(console)
-{
-}
+{}
 
 void Companion::pause() const
 {
     QThread::msleep(unsigned(options.poll_ms));
 }
 
-void Companion::pin(const QString& serial)
+void Companion::pin(const DFU::DeviceItem& unit)
 {
-    DFU::Command::serial = options.pin_serial ? serial : QString();
+    // Both: some bootloaders report one placeholder serial on every unit, and only the USB path
+    // tells such units apart.
+    DFU::Command::serial = options.pin_unit ? unit.serial : QString();
+    DFU::Command::usb_path = options.pin_unit ? unit.path : QString();
 }
 
-QList<QString> Companion::listed_serials()
+QList<DFU::DeviceItem> Companion::listed_units()
 {
     pin({});
-    QList<QString> serials;
+    QList<DFU::DeviceItem> units;
     for (const DFU::DeviceItem& item : DFU::make_scan().devices)
-        if (!serials.contains(item.serial))
-            serials << item.serial;
-    return serials;
+        if (!units.contains(item))
+            units << item;
+    return units;
+}
+
+bool Companion::wanted(const DFU::DeviceItem& unit) const
+{
+    return (options.serial.isEmpty() || unit.serial == options.serial) &&
+           (options.path.isEmpty() || unit.path == options.path);
 }
 
 Exit Companion::no_unit_exit(bool announce)
 {
-    const QString node = options.check_access
-                             ? DFU::inaccessible_bootloader_node(QStringLiteral("/sys"),
-                                                                 QStringLiteral("/dev"))
-                             : QString();
+    const QString node =
+        options.check_access
+            ? DFU::inaccessible_bootloader_node(QStringLiteral("/sys"), QStringLiteral("/dev"))
+            : QString();
     if (!node.isEmpty()) {
         if (announce)
             console->say(QStringLiteral("A bootloader is attached, but ") + permission_fix(node) +
@@ -98,26 +107,25 @@ Exit Companion::no_unit_exit(bool announce)
         return NoPermission;
     }
     if (announce)
-        console->say(options.serial.isEmpty()
+        console->say(options.serial.isEmpty() && options.path.isEmpty()
                          ? QStringLiteral("No unit in bootloader mode is attached.")
-                         : QStringLiteral("No unit with serial %1 is attached.")
-                               .arg(options.serial));
+                         : QStringLiteral("No unit %1 is attached.")
+                               .arg(unit_words(options.serial, options.path)));
     return NoUnit;
 }
 
 Companion::Selection Companion::select_unit()
 {
     for (;;) {
-        const QList<QString> serials = listed_serials();
-        if (!options.serial.isEmpty()) {
-            if (serials.contains(options.serial))
-                return {options.serial, Done};
-        } else if (serials.size() == 1) {
-            return {serials.first(), Done};
-        } else if (serials.size() > 1) {
-            console->say(QStringLiteral("Several units are attached; choose one with --serial:"));
-            for (const QString& serial : serials)
-                console->say(QStringLiteral("  ") + serial);
+        QList<DFU::DeviceItem> units = listed_units();
+        units.removeIf([this](const DFU::DeviceItem& unit) { return !wanted(unit); });
+        if (units.size() == 1)
+            return {units.first(), Done};
+        if (units.size() > 1) {
+            console->say(
+                QStringLiteral("Several units are attached; choose one with --serial or --path:"));
+            for (const DFU::DeviceItem& unit : units)
+                console->say(QStringLiteral("  ") + unit_words(unit.serial, unit.path));
             return {{}, SeveralUnits};
         }
         if (!options.wait || stop.load())
@@ -131,18 +139,17 @@ Companion::Selection Companion::select_unit()
     }
 }
 
-Exit Companion::read_identity(const QString& serial, DFU::DeviceInfo* info)
+Exit Companion::read_identity(const DFU::DeviceItem& unit, DFU::DeviceInfo* info)
 {
-    pin(serial);
-    DFU::DeviceItem item{serial};
+    pin(unit);
     for (int attempt = 1; attempt <= Upgrade::read_attempts; ++attempt) {
         *info = DFU::DeviceInfo();
-        const DFU::CommandResult result = DFU::read_device_info(&item, info);
+        const DFU::CommandResult result = DFU::read_device_info(&unit, info);
         if (result.exit_code == 0)
             return Done;
         if (attempt == Upgrade::read_attempts) {
             console->say(QStringLiteral("Reading unit %1 failed %2 times (last status %3).")
-                             .arg(serial)
+                             .arg(unit.serial)
                              .arg(attempt)
                              .arg(result.exit_code));
             break;
@@ -199,8 +206,7 @@ void Companion::write_and_prove(UnitResult* result)
         // bootloader, so that it is proven before its new firmware runs.
         console->step(QStringLiteral("Erasing"));
         const Upgrade::WriteEnd end = timed(result, QStringLiteral("write"), [&] {
-            return DFU::write_FW(image, false,
-                                 console->progress(DFU::size_of_binary_file(image)));
+            return DFU::write_FW(image, false, console->progress(DFU::size_of_binary_file(image)));
         });
         if (end == Upgrade::WriteEnd::NotWritten) {
             result->exit = WriteFailed;
@@ -219,30 +225,31 @@ void Companion::write_and_prove(UnitResult* result)
     }
 }
 
-bool Companion::holds_carried_revision(const QString& serial)
+bool Companion::holds_carried_revision(const DFU::DeviceItem& unit)
 {
     DFU::DeviceInfo info;
-    return read_identity(serial, &info) == Done &&
+    return read_identity(unit, &info) == Done &&
            Upgrade::verdict(info, DFU::carried_firmware()) == Upgrade::Verdict::SameRevision;
 }
 
-UnitResult Companion::work_on(const QString& serial)
+UnitResult Companion::work_on(const DFU::DeviceItem& unit)
 {
     const Working working_on_it(working);
     QElapsedTimer clock;
     clock.start();
     UnitResult result;
-    result.serial = serial;
+    result.serial = unit.serial;
+    result.path = unit.path;
     DFU::observe_runs([&result](DFU::CmdID id, int exit_code) {
         result.runs << UnitResult::Run{DFU::command_name(id), exit_code};
     });
-    console->step(QStringLiteral("Reading unit ") + serial);
+    console->step(QStringLiteral("Reading unit ") + unit.serial);
     DFU::DeviceInfo info;
-    result.exit = timed(&result, QStringLiteral("identity"),
-                        [&] { return read_identity(serial, &info); });
+    result.exit =
+        timed(&result, QStringLiteral("identity"), [&] { return read_identity(unit, &info); });
     if (result.exit == Done) {
         const Upgrade::Verdict verdict = Upgrade::verdict(info, DFU::carried_firmware());
-        const ListedUnit listed = listed_unit(serial, info);
+        const ListedUnit listed = listed_unit(unit, info);
         result.product = listed.product;
         result.type = info.OTP_info.product.raw_type;
         result.verdict = Upgrade::verdict_name(verdict);
@@ -266,8 +273,7 @@ UnitResult Companion::work_on(const QString& serial)
             result.exit = OtherProduct;
             result.note = QStringLiteral("the unit is a %1, the firmware is for %2; nothing is "
                                          "written")
-                              .arg(listed.product,
-                                   DFU::desired_FW_Info().product.product_name());
+                              .arg(listed.product, DFU::desired_FW_Info().product.product_name());
         }
     }
     DFU::observe_runs({});
@@ -281,8 +287,9 @@ void Companion::report(const UnitResult& result)
         console->say(QStringLiteral("Unit %1: %2.").arg(result.serial, result.note));
     console->end_line();
     if (options.json)
-        print_out(QString::fromUtf8(QJsonDocument(result_json(result)).toJson(QJsonDocument::Compact)) +
-                  QLatin1Char('\n'));
+        print_out(
+            QString::fromUtf8(QJsonDocument(result_json(result)).toJson(QJsonDocument::Compact)) +
+            QLatin1Char('\n'));
     else
         print_out(summary_line(result) + QLatin1Char('\n'));
 }
@@ -290,10 +297,10 @@ void Companion::report(const UnitResult& result)
 Exit Companion::list()
 {
     QList<ListedUnit> units;
-    for (const QString& serial : listed_serials()) {
+    for (const DFU::DeviceItem& item : listed_units()) {
         DFU::DeviceInfo info;
-        const bool read = read_identity(serial, &info) == Done;
-        ListedUnit unit = listed_unit(serial, info);
+        const bool read = read_identity(item, &info) == Done;
+        ListedUnit unit = listed_unit(item, info);
         if (!read) {
             unit.product.clear();
             unit.problem = QStringLiteral("identity could not be read");
@@ -331,13 +338,13 @@ Exit Companion::info()
     if (selection.exit != Done)
         return selection.exit;
     DFU::DeviceInfo info;
-    const Exit read = read_identity(selection.serial, &info);
+    const Exit read = read_identity(selection.unit, &info);
     if (read != Done)
         return read;
     if (options.json)
-        print_json(info_json(selection.serial, info));
+        print_json(info_json(selection.unit.serial, info));
     else
-        print_out(info_text(selection.serial, info));
+        print_out(info_text(selection.unit.serial, info));
     return Done;
 }
 
@@ -347,9 +354,10 @@ Exit Companion::verify()
     if (selection.exit != Done)
         return selection.exit;
     const Working working_on_it(working);
-    pin(selection.serial);
+    pin(selection.unit);
     UnitResult result;
-    result.serial = selection.serial;
+    result.serial = selection.unit.serial;
+    result.path = selection.unit.path;
     DFU::observe_runs([&result](DFU::CmdID id, int exit_code) {
         result.runs << UnitResult::Run{DFU::command_name(id), exit_code};
     });
@@ -357,8 +365,8 @@ Exit Companion::verify()
     DFU::observe_runs({});
     result.seconds = result.phases.first().seconds;
     if (result.exit == Done)
-        console->say(QStringLiteral("Unit %1: the flash holds the carried image.")
-                         .arg(selection.serial));
+        console->say(
+            QStringLiteral("Unit %1: the flash holds the carried image.").arg(result.serial));
     if (options.json) {
         report(result);
     } else if (result.exit != Done) {
@@ -373,42 +381,41 @@ Exit Companion::upgrade()
         const Selection selection = select_unit();
         if (selection.exit != Done)
             return selection.exit;
-        const UnitResult result = work_on(selection.serial);
+        const UnitResult result = work_on(selection.unit);
         report(result);
         return result.exit;
     }
     // One unit after another: a unit is taken once until it has been seen gone.
-    QSet<QString> finished;
-    QSet<QString> proven;
+    QList<DFU::DeviceItem> finished;
+    QList<DFU::DeviceItem> proven;
     Exit last_failure = Done;
     while (!stop.load()) {
-        const QList<QString> serials = listed_serials();
-        QSet<QString> still_there;
-        QString next;
-        for (const QString& serial : serials) {
-            if (finished.contains(serial))
-                still_there << serial;
-            else if (next.isEmpty() && (options.serial.isEmpty() || serial == options.serial))
-                next = serial;
+        QList<DFU::DeviceItem> still_there;
+        std::optional<DFU::DeviceItem> next;
+        for (const DFU::DeviceItem& unit : listed_units()) {
+            if (finished.contains(unit))
+                still_there << unit;
+            else if (!next && wanted(unit))
+                next = unit;
         }
         finished = still_there;
-        if (next.isEmpty()) {
+        if (!next) {
             pause();
             continue;
         }
-        finished << next;
+        finished << *next;
         // A unit started on its new firmware may come back in its bootloader (the product's
         // firmware decides): one already proven in this run is recognised, not taken again.
-        if (proven.contains(next) && holds_carried_revision(next)) {
+        if (proven.contains(*next) && holds_carried_revision(*next)) {
             console->say(QStringLiteral("Unit %1 is back and holds the carried firmware; it was "
                                         "done in this run.")
-                             .arg(next));
+                             .arg(next->serial));
             continue;
         }
-        const UnitResult result = work_on(next);
+        const UnitResult result = work_on(*next);
         report(result);
         if (result.exit == Done)
-            proven << next;
+            proven << *next;
         else
             last_failure = result.exit;
         if (!stop.load())

@@ -15,14 +15,16 @@ namespace Cli {
 
 struct Options
 {
-    QString serial; // the unit to work on; empty: the only one attached
+    QString serial; // the unit to work on, by serial and or USB path; both empty: the only one
+    QString path;
     bool wait = false;
     bool repeat = false;
     bool force = false;
     bool json = false;
-    bool check_access = true; // look for bootloaders this user may not open (not with the simulator)
-    bool pin_serial = true;   // select the unit with dfu-util's -S (the simulator has no -S)
-    int poll_ms = 100;        // between listings while waiting for a unit
+    bool check_access =
+        true;             // look for bootloaders this user may not open (not with the simulator)
+    bool pin_unit = true; // select the unit with dfu-util's -S and -p (the simulator has none)
+    int poll_ms = 100;    // between listings while waiting for a unit
 };
 
 class Companion
@@ -43,24 +45,26 @@ public:
 private:
     struct Selection
     {
-        QString serial;
+        DFU::DeviceItem unit;
         Exit exit = Done;
     };
-    // The listed serials, without selecting any unit.
-    QList<QString> listed_serials();
+    // The listed units, each once, without selecting any.
+    QList<DFU::DeviceItem> listed_units();
+    // Whether the unit is one that --serial and --path ask for.
+    bool wanted(const DFU::DeviceItem& unit) const;
     Selection select_unit();
     Exit no_unit_exit(bool announce);
-    void pin(const QString& serial);
-    Exit read_identity(const QString& serial, DFU::DeviceInfo* info);
+    void pin(const DFU::DeviceItem& unit);
+    Exit read_identity(const DFU::DeviceItem& unit, DFU::DeviceInfo* info);
     // Reads the flash back into the record; true when it holds the carried image.
     bool read_back(UnitResult* result, const QString& phase);
     // Writes and proves the image while the unit stays in its bootloader, once more after a
     // read-back that differs, then starts the firmware.
     void write_and_prove(UnitResult* result);
     void leave(UnitResult* result);
-    bool holds_carried_revision(const QString& serial);
+    bool holds_carried_revision(const DFU::DeviceItem& unit);
     // Reads, decides, writes and verifies one unit, keeping its record.
-    UnitResult work_on(const QString& serial);
+    UnitResult work_on(const DFU::DeviceItem& unit);
     // Prints a unit's record: the summary line, or with --json the JSON object, on standard output.
     void report(const UnitResult& result);
     void pause() const;

@@ -15,7 +15,8 @@ struct CommandSpec
 };
 
 const CommandSpec specs[] = {
-    {"list", "List every attached bootloader: serial, product, firmware revision, access.", false,
+    {"list",
+     "List every attached bootloader: serial, USB path, product, firmware revision, access.", false,
      true, false, false, false},
     {"info", "Show the unit's identity record and firmware information block.", true, true, false,
      false, false},
@@ -80,6 +81,10 @@ int parse_invocation(const QStringList& arguments, Invocation* invocation, QStri
     const QCommandLineOption serial(QStringLiteral("serial"),
                                     QStringLiteral("The unit with this serial number."),
                                     QStringLiteral("SERIAL"));
+    const QCommandLineOption path(
+        QStringLiteral("path"),
+        QStringLiteral("The unit at this USB path (as list shows it), where serials repeat."),
+        QStringLiteral("PATH"));
     const QCommandLineOption json(QStringLiteral("json"),
                                   QStringLiteral("Print JSON (upgrade, verify: one object a unit, "
                                                  "one line each)."));
@@ -88,8 +93,8 @@ int parse_invocation(const QStringList& arguments, Invocation* invocation, QStri
     const QCommandLineOption repeat(
         QStringLiteral("repeat"),
         QStringLiteral("Go on with the next unit until interrupted; one line per unit."));
-    const QCommandLineOption force(
-        QStringLiteral("force"), QStringLiteral("Write even when the revision is the same."));
+    const QCommandLineOption force(QStringLiteral("force"),
+                                   QStringLiteral("Write even when the revision is the same."));
     const QCommandLineOption simulator(
         QStringLiteral("simulator"),
         QStringLiteral("Run every dfu-util call through the simulator script."));
@@ -97,8 +102,8 @@ int parse_invocation(const QStringList& arguments, Invocation* invocation, QStri
                                      QStringLiteral("Show the log lines of every dfu-util run."));
     parser.addOption(help);
     const std::pair<bool, const QCommandLineOption*> own[] = {
-        {spec->serial, &serial}, {spec->json, &json},     {spec->wait, &wait},
-        {spec->repeat, &repeat}, {spec->force, &force}};
+        {spec->serial, &serial}, {spec->serial, &path},   {spec->json, &json},
+        {spec->wait, &wait},     {spec->repeat, &repeat}, {spec->force, &force}};
     for (const auto& [wanted, option] : own)
         if (wanted)
             parser.addOption(*option);
@@ -121,10 +126,13 @@ int parse_invocation(const QStringList& arguments, Invocation* invocation, QStri
     }
     invocation->command = word;
     Options& options = invocation->options;
-    if (spec->serial && parser.isSet(serial)) {
-        options.serial = parser.value(serial);
-        if (options.serial.isEmpty()) {
-            *err = QStringLiteral("--serial needs a serial number.\n");
+    for (const auto& [option, value] :
+         {std::pair{&serial, &options.serial}, {&path, &options.path}}) {
+        if (!spec->serial || !parser.isSet(*option))
+            continue;
+        *value = parser.value(*option);
+        if (value->isEmpty()) {
+            *err = QStringLiteral("--%1 needs a value.\n").arg(option->names().first());
             return Usage;
         }
     }

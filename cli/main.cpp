@@ -60,7 +60,8 @@ int main(int argc, char* argv[])
 
     Cli::Invocation invocation;
     QString out, err;
-    const int parsed = Cli::parse_invocation(QCoreApplication::arguments(), &invocation, &out, &err);
+    const int parsed =
+        Cli::parse_invocation(QCoreApplication::arguments(), &invocation, &out, &err);
     if (parsed >= 0) {
         print(stdout, out);
         print(stderr, err);
@@ -77,7 +78,7 @@ int main(int argc, char* argv[])
     }
     Cli::Options& options = invocation.options;
     options.check_access = !invocation.simulator;
-    options.pin_serial = !invocation.simulator;
+    options.pin_unit = !invocation.simulator;
 
     Cli::Console console(::isatty(STDERR_FILENO) == 1);
     Cli::Companion companion(options, &console);

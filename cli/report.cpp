@@ -27,10 +27,11 @@ QString product_of(const DFU::DeviceInfo& info)
 
 } // namespace
 
-ListedUnit listed_unit(const QString& serial, const DFU::DeviceInfo& info)
+ListedUnit listed_unit(const DFU::DeviceItem& item, const DFU::DeviceInfo& info)
 {
     ListedUnit unit;
-    unit.serial = serial;
+    unit.serial = item.serial;
+    unit.path = item.path;
     unit.product = product_of(info);
     unit.revision = info.FW_revision;
     return unit;
@@ -40,9 +41,10 @@ QString list_line(const ListedUnit& unit)
 {
     const QString access =
         unit.accessible ? QStringLiteral("access ok") : permission_fix(unit.node);
-    QString line = QStringLiteral("%1  %2  %3  %4")
-                       .arg(or_dash(unit.serial).leftJustified(12), or_dash(unit.product),
-                            or_dash(unit.revision), access);
+    QString line =
+        QStringLiteral("%1  %2  %3  %4  %5")
+            .arg(or_dash(unit.serial).leftJustified(12), or_dash(unit.path).leftJustified(7),
+                 or_dash(unit.product), or_dash(unit.revision), access);
     if (!unit.problem.isEmpty())
         line += QStringLiteral(" (") + unit.problem + QLatin1Char(')');
     return line;
@@ -51,6 +53,7 @@ QString list_line(const ListedUnit& unit)
 QJsonObject list_json(const ListedUnit& unit)
 {
     QJsonObject object{{QStringLiteral("serial"), unit.serial},
+                       {QStringLiteral("path"), unit.path},
                        {QStringLiteral("product"), unit.product},
                        {QStringLiteral("revision"), unit.revision},
                        {QStringLiteral("access"), unit.accessible}};
@@ -88,14 +91,13 @@ QString info_text(const QString& serial, const DFU::DeviceInfo& info)
 QJsonObject info_json(const QString& serial, const DFU::DeviceInfo& info)
 {
     const Device::OTP_Info& otp = info.OTP_info;
-    const QJsonObject identity{
-        {QStringLiteral("blank"), otp.empty},
-        {QStringLiteral("marker_valid"), otp.marker_valid},
-        {QStringLiteral("type"), otp.product.raw_type},
-        {QStringLiteral("product"), product_of(info)},
-        {QStringLiteral("qualifiers"),
-         hex(otp.product.qualifier.data(), otp.product.qualifier.size())},
-        {QStringLiteral("data"), hex(otp.data.data(), otp.data.size())}};
+    const QJsonObject identity{{QStringLiteral("blank"), otp.empty},
+                               {QStringLiteral("marker_valid"), otp.marker_valid},
+                               {QStringLiteral("type"), otp.product.raw_type},
+                               {QStringLiteral("product"), product_of(info)},
+                               {QStringLiteral("qualifiers"),
+                                hex(otp.product.qualifier.data(), otp.product.qualifier.size())},
+                               {QStringLiteral("data"), hex(otp.data.data(), otp.data.size())}};
     const Device::FW_Info& fw = info.FW_info;
     QJsonObject firmware{{QStringLiteral("valid"), fw.valid}};
     if (fw.valid) {
@@ -153,6 +155,7 @@ QJsonObject result_json(const UnitResult& result)
         runs << QJsonObject{{QStringLiteral("command"), run.command},
                             {QStringLiteral("exit"), run.exit_code}};
     QJsonObject object{{QStringLiteral("serial"), result.serial},
+                       {QStringLiteral("path"), result.path},
                        {QStringLiteral("product"), result.product},
                        {QStringLiteral("type"), result.type},
                        {QStringLiteral("verdict"), result.verdict},
@@ -177,6 +180,16 @@ QJsonObject result_json(const UnitResult& result)
     if (!result.note.isEmpty())
         object.insert(QStringLiteral("note"), result.note);
     return object;
+}
+
+QString unit_words(const QString& serial, const QString& path)
+{
+    QStringList words;
+    if (!serial.isEmpty())
+        words << QStringLiteral("with serial ") + serial;
+    if (!path.isEmpty())
+        words << QStringLiteral("at path ") + path;
+    return words.join(QLatin1Char(' '));
 }
 
 QString permission_fix(const QString& node)

@@ -8,6 +8,7 @@
 #include <QList>
 
 #include "dfu/deviceinfo.h"
+#include "dfu/scan.h"
 
 namespace Cli {
 
@@ -31,6 +32,7 @@ enum Exit : int {
 struct ListedUnit
 {
     QString serial;
+    QString path; // the USB path, where the listing gives one
     QString product;
     QString revision;
     bool accessible = true;
@@ -38,7 +40,7 @@ struct ListedUnit
     QString problem; // why product and revision are missing
 };
 
-ListedUnit listed_unit(const QString& serial, const DFU::DeviceInfo& info);
+ListedUnit listed_unit(const DFU::DeviceItem& unit, const DFU::DeviceInfo& info);
 QString list_line(const ListedUnit& unit);
 QJsonObject list_json(const ListedUnit& unit);
 
@@ -60,9 +62,10 @@ struct UnitResult
     };
 
     QString serial;
-    QString product;      // as `list` names it; empty when the identity could not be read
-    int type = -1;        // the identity's type byte
-    QString verdict;      // Upgrade::verdict_name of the unit as it was read
+    QString path;
+    QString product; // as `list` names it; empty when the identity could not be read
+    int type = -1;   // the identity's type byte
+    QString verdict; // Upgrade::verdict_name of the unit as it was read
     QString old_revision;
     QString new_revision; // what the unit holds now, as far as a verification showed
     Exit exit = ReadFailed;
@@ -81,6 +84,9 @@ QString result_word(const UnitResult& result);
 QString summary_line(const UnitResult& result);
 // One JSON object: the fields the manual page documents.
 QJsonObject result_json(const UnitResult& result);
+
+// "with serial S at path P" (either part left out where empty), as the companion names a unit.
+QString unit_words(const QString& serial, const QString& path);
 
 // The fix for a unit this user may not open.
 QString permission_fix(const QString& node);

@@ -102,7 +102,11 @@ void tst_CliVirtual::commands_data()
     row("half-written unit is repaired", {"create --firmware HALF --timing fast"}, {"upgrade"}, 0,
         "new", "2.3.0 -> 2.3.0  repaired");
     row("two units, no --serial", {second}, {"upgrade"}, 4, "old",
-        "choose one with --serial:\n  205F32845431\n  3473375A3334");
+        "choose one with --serial or --path:\n  with serial 205F32845431 at path 1-2.3\n"
+        "  with serial 3473375A3334 at path 1-2.4");
+    // Some bootloaders report one placeholder serial on every unit: the path tells them apart.
+    row("two units, one serial, --path", {"inject --second-unit 3473375A3334"},
+        {"upgrade", "--path", "1-2.4"}, 0, "new", "^3473375A3334  2.2.0 -> 2.3.0  done");
     row("two units, --serial", {second}, {"upgrade", "--serial", twin}, 0, "new",
         "^205F32845431  2.2.0 -> 2.3.0  done");
     row("--serial of no attached unit", {}, {"upgrade", "--serial", twin}, 3, "old",
@@ -130,7 +134,8 @@ void tst_CliVirtual::commands_data()
     row("verify, current", {current}, {"verify"}, 0, "new", "holds the carried image");
     row("verify, older", {}, {"verify"}, 9, "old", "differs");
     row("list, two units", {second}, {"list"}, 0, "old",
-        "205F32845431  Vega-5  2.2.0  access ok\n3473375A3334  Vega-5  2.2.0  access ok");
+        "205F32845431  1-2.3    Vega-5  2.2.0  access ok\n"
+        "3473375A3334  1-2.4    Vega-5  2.2.0  access ok");
     row("info", {}, {"info", "--serial", first}, 0, "old", "Firmware:    Vega-5 LinkSync 2.2.0");
     row("unknown option", {}, {"upgrade", "--all"}, 2, "old", "Unknown option 'all'");
     row("unknown command", {}, {"erase"}, 2, "old", "Unknown command \"erase\"");
