@@ -36,11 +36,13 @@ QString UpgradeProgress::caption(const char* id, const char* english) const
     return found.isEmpty() ? QString::fromLatin1(english) : found;
 }
 
-double UpgradeProgress::overall(Phase phase, double fraction, bool verify_only)
+double UpgradeProgress::overall(Phase phase, double fraction, bool verify_only, bool erase_reported)
 {
     fraction = std::clamp(fraction, 0.0, 1.0);
     if (verify_only)
         return phase == Phase::Verifying ? fraction : 0.0;
+    if (phase == Phase::Writing && !erase_reported)
+        return (share[0] + share[1]) * fraction;
     double before = 0.0;
     for (int p = 0; p < int(phase); ++p)
         before += share[p];
@@ -50,8 +52,8 @@ double UpgradeProgress::overall(Phase phase, double fraction, bool verify_only)
 void UpgradeProgress::show(Phase phase, double fraction)
 {
     // Whole percent, never back, and 100 only with "Done".
-    const int percent =
-        std::min(99, int(std::floor(100.0 * overall(phase, fraction, verify_only))));
+    const int percent = std::min(
+        99, int(std::floor(100.0 * overall(phase, fraction, verify_only, erase_reported))));
     if (percent > shown || phase != logged_phase)
         qInfo().noquote() << "Progress:" << std::max(shown, percent) << "%"
                           << phase_text[int(phase)];
@@ -65,6 +67,7 @@ void UpgradeProgress::downloadStarted()
     bar->startAutoProgress(caption("progress_upgrading", "Upgrading firmware"), 100.0);
     state = State::Writing;
     streamed = false;
+    erase_reported = false;
     verify_only = false;
     shown = 0;
     restart_tick.stop();
@@ -75,6 +78,7 @@ void UpgradeProgress::toolProgress(DFU::Phase phase, double fraction)
     if (state == State::Idle)
         return;
     streamed = true;
+    erase_reported = erase_reported || phase == Phase::Erasing;
     show(phase, fraction);
 }
 

@@ -31,8 +31,9 @@ public:
     static constexpr int restart_ms = 3500;
 
     // The whole upgrade's done fraction at `fraction` of `phase`; `verify_only` when no write
-    // came before. Pure, for the tests.
-    static double overall(Phase phase, double fraction, bool verify_only);
+    // came before; without `erase_reported` the write's records cover the erase's share too
+    // (dfu-util 0.9 erases each sector as it writes and prints no erase stage).
+    static double overall(Phase phase, double fraction, bool verify_only, bool erase_reported);
     // The restart phase's fraction after elapsed_ms: up to nine tenths in the usual time, then
     // ever slower towards its end, so the bar keeps moving, yet only the read-back takes it on.
     static double restart_fraction(qint64 elapsed_ms);
@@ -69,6 +70,7 @@ private:
     State state = State::Idle;
     bool streamed = false;    // dfu-util's records arrived in this upgrade
     bool verify_only = false; // the verification of a unit that was not written first
+    bool erase_reported = false; // dfu-util printed an erase stage in this upgrade
     int shown = 0;            // the bar never goes back
     Phase logged_phase = Phase::Verifying;
     QTimer restart_tick;

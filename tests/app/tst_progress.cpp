@@ -35,10 +35,12 @@ void tst_Progress::bar_data()
         << "0 progress_upgrading|94 progress_writing|94 progress_restarting|"
            "95 progress_restarting|96 progress_restarting"
         << true;
-    QTest::newRow("a late record does not take it back")
-        << "download W:0.5 E:1 W:0.4"
-        << "0 progress_upgrading|55 progress_writing|55 progress_erasing|"
-           "55 progress_writing"
+    // Without an erase stage (dfu-util 0.9 erases as it writes) the write covers the erase's
+    // share too; a late record does not take the bar back.
+    QTest::newRow("no erase stage, a late record")
+        << "download W:0.5 W:1 E:1 W:0.4"
+        << "0 progress_upgrading|47 progress_writing|94 progress_writing|94 progress_erasing|"
+           "94 progress_writing"
         << true;
     QTest::newRow("verifying a unit that was not written")
         << "verify V:0.5 V:1"
