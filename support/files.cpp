@@ -27,6 +27,31 @@ struct RemovedWhenEmpty
     }
 } private_folder_base;
 
+// As QFile::copy: an existing file is never overwritten (a second extraction fails), the copy
+// has the resource's permissions (read-only), and one cut short is removed. Unlike it, no sync to
+// disk: a working copy for one run needs no durability, and on a disk busy with other writes each
+// sync held start-up for milliseconds.
+bool copy_resource(const QString& resource, const QString& path, QString* error)
+{
+    QFile source(resource);
+    QFile target(path);
+    if (!source.open(QIODevice::ReadOnly)) {
+        *error = source.errorString();
+        return false;
+    }
+    if (!target.open(QIODevice::WriteOnly | QIODevice::NewOnly)) {
+        *error = target.errorString();
+        return false;
+    }
+    const QByteArray bytes = source.readAll();
+    if (target.write(bytes) == bytes.size() && target.flush() &&
+        target.setPermissions(source.permissions()))
+        return true;
+    *error = target.errorString();
+    target.remove();
+    return false;
+}
+
 } // namespace
 
 QTemporaryDir external_dir(temporary_base() + folder_template);
@@ -96,13 +121,12 @@ bool extract_resources(std::vector<ID> ids, bool strict, QString* problem_folder
     bool all_copied = true;
     for (const ID id : ids) {
         const QString name = basename[id];
-        QFile source(QStringLiteral(":resources/") + name);
-        // QFile::copy never overwrites: a second extraction of the same file fails.
-        if (source.copy(working_path(name))) {
+        QString error;
+        if (copy_resource(QStringLiteral(":resources/") + name, working_path(name), &error)) {
             qDebug() << "Extracted " << name;
         } else {
             qInfo() << "Failed to extract " << name;
-            report(external_dir.path(), source.errorString());
+            report(external_dir.path(), error);
             all_copied = false;
         }
     }
