@@ -8,14 +8,13 @@
 #include "app/options.h"
 #include "app/statusline.h"
 #include "app/termination.h"
-#include "dfu/commands.h"
 #include "dfu/deviceinfo.h"
-#include "dfu/dfuutil.h"
 #include "gui/languages.h"
 #include "gui/logwindow.h"
 #include "gui/mainwindow.h"
 #include "gui/settings.h"
 #include "simulator/simulator.h"
+#include "simulator/toolsetup.h"
 #include "statemachines/sm_a.h"
 #include "statemachines/sm_b.h"
 #include "support/files.h"
@@ -41,23 +40,13 @@ void GUI_init()
     else
         qInfo() << "Will use real device (i.e. no option 'use_simulator'.)";
 
-    if (!simulator::use)
-        DFU::Command::path = Files::external_dir.path();
-    else
-        simulator::setup_for_simulated_dfu_util(simulator::normal_progress);
-
     qInfo() << "Compiled for platform (OS):" << support_misc::compiled_for_platform()
             << "with 'DEBUG'"
             << "not defined";
 
-    // Failures here show later as a failing self-test or dfu-util run, so start-up goes on; the
-    // status line names the folder and the reason.
-    QString problem_folder, problem_reason;
-    Files::extract_resources({Files::desired_FW_dfu, Files::desired_FW_bin, Files::dfu_util,
-                              Files::libusb},
-                             true, &problem_folder, &problem_reason);
-    support_misc::mark_file_executable(DFU::dfu_util::full_path());
-    DFU::dfu_util::execution_test();
+    // Start-up goes on whatever went wrong here: the status line names the folder and the reason.
+    const Tool::StartProblem problem = Tool::set_up(
+        {Files::desired_FW_dfu, Files::desired_FW_bin, Files::dfu_util, Files::libusb});
 
     const Device::FW_Info& desired = DFU::desired_FW_Info();
     qInfo().noquote() << "Desired (embedded)" << desired;
@@ -85,8 +74,10 @@ void GUI_init()
     sm_B->enable_debug_output();
 
     add_connections(qApp);
-    if (!problem_folder.isEmpty())
-        statusLine->setStartProblem(problem_folder, problem_reason);
+    if (problem.kind != Tool::StartProblem::None)
+        statusLine->setStartProblem(problem.layout_id(), problem.folder, problem.reason);
+    // Beside the flow's own verdict: a read-back that failed for want of room says so.
+    QObject::connect(sm_A, &SM_A::sig_FwUploadedDiffers, statusLine, &StatusLine::verifyFailed);
     close_on_termination_signals(mainWindow.data());
 
     QObject::connect(sm_B, &QStateMachine::started, [] {

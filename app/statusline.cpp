@@ -6,6 +6,9 @@
 #include <QDebug>
 #include <QLabel>
 
+#include "simulator/toolsetup.h"
+#include "support/files.h"
+
 StatusLine::StatusLine(QLabel* label, Lookup text, Lookup log_text)
     : QObject(label), label(label), text(std::move(text)),
       log_text(log_text ? std::move(log_text) : this->text)
@@ -58,9 +61,9 @@ void StatusLine::showNoUnit()
     render();
 }
 
-void StatusLine::setStartProblem(const QString& folder, const QString& reason)
+void StatusLine::setStartProblem(const QString& id, const QString& folder, const QString& reason)
 {
-    start_failed = true;
+    start_id = id;
     start_folder = folder;
     start_reason = reason;
     render();
@@ -75,14 +78,22 @@ void StatusLine::setNoAccess(const QString& node)
 void StatusLine::setReadFailed()
 {
     read_failed = true;
+    folder_full = Tool::lacks_room();
+    render();
+}
+
+void StatusLine::verifyFailed()
+{
+    folder_full = Tool::lacks_room();
     render();
 }
 
 void StatusLine::clearReadFailed()
 {
-    if (!read_failed)
+    if (!read_failed && !folder_full)
         return;
     read_failed = false;
+    folder_full = false;
     render();
 }
 
@@ -110,11 +121,15 @@ QString StatusLine::compose(const Lookup& look, const QString& unit) const
         return look(QStringLiteral("status_finishingRun"));
     if (stopping == Stopping::Stopped)
         return look(QStringLiteral("status_stopped"));
+    // Both above the unit's text: a unit is still shown after a failed read-back, and none can be
+    // upgraded without the tool.
+    if (folder_full)
+        return look(QStringLiteral("status_folderFull"))
+            .arg(Files::external_dir.path().toHtmlEscaped());
+    if (!start_id.isEmpty())
+        return look(start_id).arg(start_folder.toHtmlEscaped(), start_reason.toHtmlEscaped());
     if (unit_shown)
         return unit;
-    if (start_failed)
-        return look(QStringLiteral("status_startFailed"))
-            .arg(start_folder.toHtmlEscaped(), start_reason.toHtmlEscaped());
     if (!no_access_node.isEmpty())
         return look(QStringLiteral("status_devNoAccess")).arg(no_access_node);
     if (written == Written::Restarting)

@@ -36,9 +36,13 @@ public slots:
     void showRevision(const DFU::DeviceInfo& unit);
     // No unit is connected: the text says why, or what to do.
     void showNoUnit();
-    void setStartProblem(const QString& folder, const QString& reason);
+    // What start-up could not do: the layout id that says it, filled with folder and reason.
+    void setStartProblem(const QString& id, const QString& folder, const QString& reason);
     void setNoAccess(const QString& node);
+    // A read of the unit failed for good, or its firmware read back differs: either is told as the
+    // working folder being full when that is why.
     void setReadFailed();
+    void verifyFailed();
     void clearReadFailed();
     void downloadEnded(Upgrade::WriteEnd end);
     void setStopping(StatusLine::Stopping stopping);
@@ -62,7 +66,8 @@ private:
     bool unit_shown = false;
     QString unit_text;
     QString unit_logged;
-    bool start_failed = false;
+    bool folder_full = false;
+    QString start_id;
     QString start_folder;
     QString start_reason;
     QString no_access_node;

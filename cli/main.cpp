@@ -9,12 +9,10 @@
 
 #include "cli/companion.h"
 #include "cli/invocation.h"
-#include "dfu/commands.h"
 #include "dfu/deviceinfo.h"
-#include "dfu/dfuutil.h"
 #include "simulator/simulator.h"
+#include "simulator/toolsetup.h"
 #include "support/files.h"
-#include "support/support_misc.h"
 
 namespace {
 
@@ -25,21 +23,16 @@ void print(std::FILE* stream, const QString& text)
     std::fflush(stream);
 }
 
-// The tool bundle and the image, or the simulator; false when the tool cannot be set up.
+// The tool bundle and the image, or the simulator, as the window sets them up; false when the tool
+// cannot be set up.
 bool set_up(bool use_simulator, QString* problem)
 {
     simulator::use = use_simulator;
-    QString folder;
-    if (!Files::extract_resources({Files::desired_FW_bin, Files::dfu_util, Files::libusb}, true,
-                                  &folder, problem)) {
-        *problem = QStringLiteral("Cannot copy the tool bundle to %1: %2").arg(folder, *problem);
+    const Tool::StartProblem start =
+        Tool::set_up({Files::desired_FW_bin, Files::dfu_util, Files::libusb});
+    if (start.kind != Tool::StartProblem::None) {
+        *problem = start.message();
         return false;
-    }
-    if (use_simulator) {
-        simulator::setup_for_simulated_dfu_util(simulator::normal_progress);
-    } else {
-        DFU::Command::path = Files::external_dir.path();
-        support_misc::mark_file_executable(DFU::dfu_util::full_path());
     }
     if (!DFU::desired_FW_Info().valid) {
         *problem = QStringLiteral("The carried firmware image has no valid information block.");

@@ -37,9 +37,11 @@ bool is_expected_output(QString output, support_misc::Platform built_for)
     return output == expected_output_of_execution_test || output == carried_tool_banner();
 }
 
-bool execution_test()
+bool execution_test(QString* output)
 {
     const CommandResult result = run_command(version, {});
+    if (output)
+        *output = result.output;
     const bool as_expected =
         is_expected_output(result.output, support_misc::compiled_for_platform());
 

@@ -20,7 +20,8 @@ QString full_path();
 // clean-up that a build for the given platform applies.
 bool is_expected_output(QString output, support_misc::Platform built_for);
 
-// Runs the tool once and logs the outcome; start-up goes on whatever it returns.
-bool execution_test();
+// Runs the tool once and logs the outcome; start-up goes on whatever it returns. What the tool
+// printed goes to *output when given: a tool that started prints its banner at least.
+bool execution_test(QString* output = nullptr);
 
 } // namespace DFU::dfu_util

@@ -77,8 +77,11 @@ SM_A::Command SM_A::get_command() const
 
 void SM_A::set_command(SM_A::Command c)
 {
-    QMutexLocker lock(&mutex);
-    command = c;
+    {
+        QMutexLocker lock(&mutex);
+        command = c;
+    }
+    wait_condition.wakeAll();
 }
 
 void SM_A::do_stop()
@@ -92,11 +95,11 @@ void SM_A::do_stop()
     wait_condition.wakeAll();
 }
 
-void SM_A::pause(qint32 ms)
+void SM_A::pause(qint32 ms, bool until_command)
 {
     QMutexLocker lock(&mutex);
     QDeadlineTimer until(ms);
-    while (!stop_requested && !until.hasExpired())
+    while (!stop_requested && !(until_command && command != None) && !until.hasExpired())
         wait_condition.wait(&mutex, until);
 }
 
@@ -254,7 +257,7 @@ void SM_A::run()
             if (is_stopping()) {
                 return;
             }
-            pause(connected_poll_ms);
+            pause(connected_poll_ms, true);
             // Checked again after the pause: a write must not start after a stop was asked for.
             if (is_stopping()) {
                 return;

@@ -44,7 +44,8 @@ public:
     void enable_debug_output();
 
 public slots:
-    // A later command replaces one the loop has not taken yet; the loop polls, so no wake-up.
+    // A later command replaces one the loop has not taken yet. The worker waiting to take one
+    // wakes at once: its pause is an upper bound, not a delay the click has to sit out.
     void set_command(SM_A::Command c);
     void do_stop();
 
@@ -82,8 +83,9 @@ protected:
     void run() override;
 
 private:
-    // Sleeps ms, or less when a stop is asked for meanwhile.
-    void pause(qint32 ms);
+    // Sleeps ms, or less when a stop is asked for meanwhile or, with until_command, a command is
+    // handed over; elsewhere a command wakes it only to sleep on, so the scan cadence stays.
+    void pause(qint32 ms, bool until_command = false);
     // Runs f with transfer_running() true.
     template <typename F> auto transfer(F f);
     // Turns dfu-util's records of a run over total bytes into sig_Progress.

@@ -48,7 +48,20 @@ inline QMap<ID, QString> basename = {
 };
 
 // Created before main under the system's temporary path; removed with its contents at exit.
+// move_to_private_folder() may replace it once, at start-up.
 extern QTemporaryDir external_dir;
+
+// The folder the temporary one is made in: the system's temporary path as configured.
+QString temporary_base();
+// The user's own folder beside the cache, for a tool the temporary folder will not let run.
+QString private_base();
+// Makes a fresh working folder under private_base() (both mode 0700) and removes the old one with
+// its files; false with the reason when it cannot be made. private_base() goes at exit too, once
+// no run of the program uses it.
+bool move_to_private_folder(QString* reason);
+
+// Free bytes where the working files lie, as this user may use them; -1 when unknown.
+qint64 free_bytes();
 
 // Where the working file `name` lies: external_dir's path, "/", name.
 QString working_path(const QString& name);

@@ -1,15 +1,19 @@
 // The whole program in simulator mode while its tool, the machine or its own files fail.
-#include <signal.h>
-#include <sys/resource.h>
+#include <cerrno>
+#include <cstring>
+#include <sys/mount.h>
+#include <unistd.h>
 
 #include <QDir>
 #include <QFile>
 #include <QResource>
+#include <QScopeGuard>
 #include <QTemporaryDir>
 #include <QTest>
 
 #include "common/programrun.h"
 #include "simulator/simulator.h"
+#include "support/files.h"
 
 // Faults the child makes before start-up, named by LUMAXIS_FAULT. Outside any namespace, as
 // Q_CLEANUP_RESOURCE needs.
@@ -21,13 +25,23 @@ static void make_fault_in_child()
         Q_CLEANUP_RESOURCE(resources);
         if (fault == "settings broken")
             QResource::registerResource(QStringLiteral(BROKEN_SETTINGS_RCC));
-    } else if (fault == "disk full") {
-        // Every write past 64 KiB then fails with EFBIG, as on a full disk.
-        signal(SIGXFSZ, SIG_IGN);
-        const rlimit limit{64 << 10, 64 << 10};
-        setrlimit(RLIMIT_FSIZE, &limit);
     }
 }
+
+namespace {
+
+// What the extracted files take on a tmpfs, in KiB: whole pages each.
+qint64 extracted_kib()
+{
+    const qint64 page = ::sysconf(_SC_PAGESIZE);
+    qint64 kib = 0;
+    for (const QString& name : {Files::desired_FW_fileName_dfu, Files::desired_FW_fileName_bin,
+                                Files::dfu_util_executable_fileName, Files::libusb_fileName})
+        kib += (QFileInfo(":resources/" + name).size() + page - 1) / page * page / 1024;
+    return kib;
+}
+
+} // namespace
 
 class tst_Faults final : public QObject
 {
@@ -43,8 +57,11 @@ void tst_Faults::fault_data()
 {
     // "tool missing", "tool plain" (not executable), "tool WORD:shell commands" run instead of
     // the simulator for that command word; "tmpdir NAME" below the test's folder, "-" for one
-    // that is not there; "child FAULT" (make_fault_in_child); "-" for none. Steps as in
-    // programrun.h: a text to see next, ">command" or "kill SIGNAL".
+    // that is not there; "tmpfs noexec" a tmpfs for it where programs may not run (the program in
+    // real-device mode), "tmpfs noexec+cache" with the user's cache folder on it too, "tmpfs
+    // full:K" one K KiB larger than the extracted files; "child FAULT" (make_fault_in_child); "-"
+    // for none. Steps as in programrun.h, and "companion": the companion's start ends with exit 1
+    // and the words of the window's status line.
     QTest::addColumn<QString>("fault");
     QTest::addColumn<QString>("steps");
     QTest::addColumn<int>("exit_code");
@@ -76,10 +93,24 @@ void tst_Faults::fault_data()
         << "tmpdir -"
         << "Failed to create temporary directory|Status line: Cannot prepare the tool's files in|"
            ">state|install=0" << 0;
-    QTest::newRow("temporary folder full")
-        << "child disk full"
-        << "Failed to extract  \"firmware.dfu\"|Status line: Cannot prepare the tool's files in|"
+    // Hardened desktops mount /tmp noexec: the tool runs from the user's own folder instead.
+    QTest::newRow("temporary folder noexec")
+        << "tmpfs noexec" << "cannot run from|copying it to|!may not run from|>state|install=0"
+        << 0;
+    QTest::newRow("no folder lets the tool run")
+        << "tmpfs noexec+cache"
+        << "Status line: The tool may not run from|>state|install=0|companion" << 0;
+    // Full while extracting, at the first read-out, at the read-back: never an offer or "Done".
+    QTest::newRow("temporary folder full: extraction")
+        << "tmpfs full:-200"
+        << "Failed to extract|Status line: Cannot prepare the tool's files in|!Status line:|"
            ">state|install=0" << 0;
+    QTest::newRow("temporary folder full: read-out")
+        << "tmpfs full:0"
+        << "attempt 1 of 3|Status line: The folder|>state|install=0" << 0;
+    QTest::newRow("temporary folder full: read-back")
+        << "tmpfs full:16"
+        << "entered B2|>click|/sig_FwUploading|Status line: The folder|>state|bar=hidden" << 0;
     // A logout, kill or Ctrl+C closes the window as the user would: a clean end.
     QTest::newRow("SIGTERM") << "-" << "entered B2|kill TERM|Received signal 15" << 0;
     QTest::newRow("SIGINT") << "-" << "entered B2|kill INT|Received signal 2" << 0;
@@ -102,17 +133,33 @@ void tst_Faults::fault()
     const QString tool = kind == QLatin1String("tool") ? what : QString();
     const QString tmpdir = kind == QLatin1String("tmpdir") ? what : QString();
     QTemporaryDir here;
+    const QByteArray mount_point = QFile::encodeName(here.filePath("mnt"));
+    const auto unmount = qScopeGuard([&] { ::umount2(mount_point.constData(), MNT_DETACH); });
+    if (kind == QLatin1String("tmpfs")) {
+        const bool noexec = what.startsWith("noexec");
+        const QByteArray size = "size=" + QByteArray::number(noexec ? 16384
+                                                                    : extracted_kib() +
+                                                                          what.mid(5).toInt());
+        QVERIFY(QDir().mkpath(here.filePath("mnt")));
+        if (::mount("tmpfs", mount_point.constData(), "tmpfs", noexec ? MS_NOEXEC : 0,
+                    (size + "k").constData()) != 0)
+            QSKIP(qPrintable("mounting a tmpfs is not permitted here: " +
+                             QString::fromLocal8Bit(std::strerror(errno))));
+    }
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("LUMAXIS_FAULT"), kind == "child" ? what : QString());
     environment.insert(QStringLiteral("LUMAXIS_SIMULATOR_STATE"), here.filePath("state"));
     environment.insert(QStringLiteral("LUMAXIS_SIMULATOR_FAST"), QStringLiteral("1"));
     qputenv("LUMAXIS_SIMULATOR_STATE", here.filePath("state").toLocal8Bit());
     QCOMPARE(simulator::sim_setup_prepared_config(QStringLiteral("default")), 0);
-    const QString temp = here.filePath(tmpdir.isEmpty() ? "tmp"
-                                       : tmpdir == "-"  ? "none/tmp"
-                                                        : tmpdir);
+    const QString temp = here.filePath(kind == "tmpfs"     ? "mnt"
+                                       : tmpdir.isEmpty() ? "tmp"
+                                       : tmpdir == "-"    ? "none/tmp"
+                                                          : tmpdir);
     QVERIFY(tmpdir == "-" || QDir().mkpath(temp));
     environment.insert(QStringLiteral("TMPDIR"), temp);
+    const QString cache = here.filePath(what.endsWith("+cache") ? "mnt/cache" : "cache");
+    environment.insert(QStringLiteral("XDG_CACHE_HOME"), cache);
     if (!tool.isEmpty()) {
         // A simulator folder of links to the real one's files but for the script.
         const QDir real(simulator::dfu_util_path(QString()));
@@ -137,13 +184,27 @@ void tst_Faults::fault()
     }
 
     programrun::ProgramRun program;
-    QVERIFY(program.start({"-s", "-l"}, environment));
+    QVERIFY(program.start(what.startsWith("noexec") ? QStringList{"-l"} : QStringList{"-s", "-l"},
+                          environment));
     for (const QString& step : steps.split(QLatin1Char('|'))) {
+        if (step == QLatin1String("companion")) {
+            QProcess companion;
+            companion.setProcessEnvironment(environment);
+            companion.start(QStringLiteral(COMPANION), {QStringLiteral("list")});
+            QVERIFY(companion.waitForFinished());
+            const QString said = QString::fromLocal8Bit(companion.readAllStandardError()).trimmed();
+            QVERIFY2(program.output().contains("Status line: " + said), qPrintable(said));
+            QCOMPARE(companion.exitCode(), 1);
+            continue;
+        }
         const QString failure = program.step(step, 40000, 2000, 1500);
         QVERIFY2(failure.isEmpty(), qPrintable(failure));
     }
-    // The extracted files' folder is private while the program runs and gone after a clean end.
-    const QFileInfoList made = QDir(temp).entryInfoList({"upgrade_*"}, QDir::AllEntries);
+    // The extracted files' folder is private while the program runs and gone after a clean end,
+    // with the user's folder for it when it moved there.
+    const QString moved = cache + QStringLiteral("/lumaxis-upgrade");
+    const QFileInfoList made = QDir(temp).entryInfoList({"upgrade_*"}, QDir::AllEntries) +
+                               QDir(moved).entryInfoList({"upgrade_*"}, QDir::AllEntries);
     QVERIFY(made.size() <= 1 && (made.isEmpty() || (made[0].permissions().toInt() & 0x0077) == 0));
     if (exit_code == 0 && !steps.contains(QLatin1String("kill ")) &&
         !steps.contains(QLatin1String(">close")))
@@ -151,7 +212,8 @@ void tst_Faults::fault()
     QCOMPARE(program.finish(), exit_code);
     QVERIFY(!program.output().contains(QLatin1String("Done.")) || steps.contains("Done."));
     if (exit_code == 0)
-        QVERIFY(QDir(temp).entryList({"upgrade_*"}, QDir::AllEntries).isEmpty());
+        QVERIFY(QDir(temp).entryList({"upgrade_*"}, QDir::AllEntries).isEmpty() &&
+                !QFileInfo::exists(moved));
 }
 
 int main(int argc, char* argv[])

@@ -158,7 +158,7 @@ public:
         } else if (step.startsWith(QLatin1Char('!'))) {
             ok = !waitFor(step.mid(1), absent_ms);
         } else if (!waitFor(step, wait_ms)) {
-            return step + QStringLiteral("\n--- not after:\n") + output_.right(800);
+            return step + QStringLiteral("\n--- not after:\n") + output_;
         }
         return ok ? QString() : step;
     }

@@ -47,18 +47,19 @@ QString without_glyph(const QString& text, const QFont& font)
     return missing;
 }
 
-// Sample values as long as real ones get: the longest short product name, a usual device node.
-QString filled(const QString& id, const QString& text)
+// Sample values as long as real ones get: the longest short product name, a usual device node,
+// usual folders.
+QString filled(const QString& id, QString text)
 {
-    if (id == QLatin1String("status_devNoAccess"))
-        return text.arg(QStringLiteral("/dev/bus/usb/001/012"));
-    if (id == QLatin1String("status_startFailed"))
-        return text.arg(QStringLiteral("/tmp/upgrade_AbC123"),
-                        QStringLiteral("No space left on device"));
-    if (id == QLatin1String("status_devRev"))
-        return text.arg(QStringLiteral("K3 Industrial"), QStringLiteral("2.3.0"));
-    if (text.contains(QLatin1String("%1")))
-        return text.arg(QStringLiteral("K3 Industrial"));
+    static const QMap<QString, QStringList> samples{
+        {"status_devNoAccess", {"/dev/bus/usb/001/012"}},
+        {"status_startFailed", {"/tmp/upgrade_AbC123", "No space left on device"}},
+        {"status_toolBlocked", {"/var/tmp/someone", "mounted noexec"}},
+        {"status_folderFull", {"/tmp/upgrade_AbC123"}},
+        {"status_devRev", {"K3 Industrial", "2.3.0"}}};
+    for (const QString& value : samples.value(id, {QStringLiteral("K3 Industrial")}))
+        if (text.contains(QLatin1Char('%')))
+            text = text.arg(value);
     return text;
 }
 
