@@ -113,11 +113,17 @@ public:
     // program ends first. Successive calls so check that lines come in order.
     bool waitFor(const QString& text, int timeout_ms = 30000)
     {
-        const qsizetype at = find(text, cursor_, timeout_ms);
-        if (at < 0)
-            return false;
-        cursor_ = at + text.size();
-        return true;
+        return waitForMatch(QRegularExpression(QRegularExpression::escape(text)), timeout_ms)
+            .hasMatch();
+    }
+
+    // As waitFor, for the next match of a pattern; no match if the time runs out.
+    QRegularExpressionMatch waitForMatch(const QRegularExpression& pattern, int timeout_ms = 30000)
+    {
+        const QRegularExpressionMatch match = find(pattern, cursor_, timeout_ms);
+        if (match.hasMatch())
+            cursor_ = match.capturedEnd();
+        return match;
     }
 
     // Sends one command (see run_command) and waits for its answer; the time it took in the
@@ -127,12 +133,10 @@ public:
         const qsizetype from = output_.size();
         process_.write(command.toUtf8() + '\n');
         process_.waitForBytesWritten(timeout_ms);
-        const QString answer = QStringLiteral("programrun: done %1 in ").arg(command);
-        const qsizetype at = find(answer, from, timeout_ms);
-        if (at < 0)
-            return -1;
-        const qsizetype start = at + answer.size();
-        return output_.mid(start, output_.indexOf(QLatin1Char(' '), start) - start).toInt();
+        const QRegularExpression answer(
+            QStringLiteral("programrun: done %1 in (\\d+) ").arg(QRegularExpression::escape(command)));
+        const QRegularExpressionMatch match = find(answer, from, timeout_ms);
+        return match.hasMatch() ? match.captured(1).toInt() : -1;
     }
 
     // One step of a test's script: ">command" for the window, answered within max_send_ms;
@@ -183,15 +187,15 @@ public:
     }
 
 private:
-    qsizetype find(const QString& text, qsizetype from, int timeout_ms)
+    QRegularExpressionMatch find(const QRegularExpression& pattern, qsizetype from, int timeout_ms)
     {
         QDeadlineTimer deadline(timeout_ms);
         for (;;) {
             const bool ended = process_.state() == QProcess::NotRunning; // before the last read
             output_ += QString::fromLocal8Bit(process_.readAll());
-            const qsizetype at = output_.indexOf(text, from);
-            if (at >= 0 || ended || deadline.hasExpired())
-                return at;
+            const QRegularExpressionMatch match = pattern.match(output_, from);
+            if (match.hasMatch() || ended || deadline.hasExpired())
+                return match;
             process_.waitForReadyRead(int(qMax<qint64>(1, deadline.remainingTime())));
         }
     }

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <time.h>
 #include <unistd.h>
@@ -399,9 +400,11 @@ static uint8_t erase_flash(struct vu_bootloader* unit, uint32_t offset, uint32_t
 {
     static uint8_t erased[0x4000];
     memset(erased, 0xFF, sizeof erased);
-    for (uint32_t done = 0; done < size; done += sizeof erased)
-        if (write_file_at(unit->flash_fd, offset + done, erased, sizeof erased))
+    for (uint32_t done = 0; done < size; done += sizeof erased) {
+        const uint32_t n = size - done < sizeof erased ? size - done : (uint32_t)sizeof erased;
+        if (write_file_at(unit->flash_fd, offset + done, erased, n))
             return VU_errERASE;
+    }
     return VU_OK;
 }
 
@@ -411,7 +414,7 @@ static void save_conf(struct vu_bootloader* unit)
         fprintf(stderr, "lumaxis virtual unit: cannot write the config in %s\n", unit->dir);
 }
 
-enum drop_reason { DROP_LEAVE, DROP_UNPLUG, DROP_RESET };
+enum drop_reason { DROP_LEAVE, DROP_UNPLUG, DROP_POWER, DROP_RESET };
 
 /* The unit drops off the bus: pulled, gone to its application, or reset. After a leave or a
  * reset it comes back after absent_ms (a reset from off_ms on) with the same serial; after a
@@ -423,7 +426,7 @@ static void drop_off_bus(struct vu_bootloader* unit, enum drop_reason why, long 
     /* It enumerates afresh, in dfuIDLE. */
     vu_conf_remove(&unit->conf, "dfu_state");
     vu_conf_remove(&unit->conf, "dfu_status");
-    if (why == DROP_UNPLUG) {
+    if (why == DROP_UNPLUG || why == DROP_POWER) {
         vu_conf_set_int(&unit->conf, "plugged", 0);
         vu_conf_set_int(&unit->conf, "unplugged_at_ms", now);
     } else {
@@ -438,6 +441,7 @@ static void drop_off_bus(struct vu_bootloader* unit, enum drop_reason why, long 
                     vu_conf_get_int(&unit->conf, "enumerations", 0) + 1);
     save_conf(unit);
     vu_trace("unit %s", why == DROP_UNPLUG  ? "unplugged"
+                        : why == DROP_POWER ? "lost power"
                         : why == DROP_LEAVE ? "left DFU mode"
                                             : "reset");
 }
@@ -458,8 +462,8 @@ static int crosses(const struct vu_bootloader* unit, const char* key, long long 
     return limit >= 0 && before + length > limit;
 }
 
-/* What a fault counts: data bytes read or written, or erase commands. */
-enum fault_stage { STAGE_UPLOAD, STAGE_DOWNLOAD, STAGE_ERASE };
+/* What a fault counts: data bytes read or written, erase commands, or leave requests. */
+enum fault_stage { STAGE_UPLOAD, STAGE_DOWNLOAD, STAGE_ERASE, STAGE_LEAVE };
 
 static int direction_matches(const struct vu_bootloader* unit, enum fault_stage stage)
 {
@@ -470,24 +474,56 @@ static int direction_matches(const struct vu_bootloader* unit, enum fault_stage 
         return stage == STAGE_DOWNLOAD;
     if (strcmp(direction, "erase") == 0)
         return stage == STAGE_ERASE;
-    return stage != STAGE_ERASE;
+    if (strcmp(direction, "leave") == 0)
+        return stage == STAGE_LEAVE;
+    return stage == STAGE_UPLOAD || stage == STAGE_DOWNLOAD;
 }
 
-/* Faults on a data stage, or on an erase command (which counts as one); returns 0 to go on or
- * the libusb error the request ends with. */
+/* A cut armed at a count N of what the direction counts; N may hold a fraction ("5.5" erases).
+ * N at the start of a request (the first byte of a block, an erase command, a leave) cuts that
+ * request off on arrival: nothing of it is done. N inside a download block or an erase cuts
+ * while the unit carries it out, and there a pulled cable and a power loss differ: a unit that
+ * keeps its own supply finishes the block or the erase it has begun, one without power loses
+ * the block and leaves the sector half erased. The instant is the one after the unit answered
+ * the GETSTATUS that follows the request with dfuDNBUSY: the STM32 bootloader carries out a
+ * downloaded block or command only on that GETSTATUS (ST's AN3156, its DNLOAD-then-GETSTATUS
+ * cycle), and the STM32F4 reference manual's flash chapter (RM0090) gives no guarantee for
+ * cells whose programming or erase was cut off, which the half-erased sector stands in for.
+ * Uploads and the leave have nothing in flight. Returns 0 to go on (with unit->cut set for a
+ * cut in flight) or LIBUSB_ERROR_NO_DEVICE. */
+static int cut_fault(struct vu_bootloader* unit, enum fault_stage stage, long long before,
+                     int length)
+{
+    static const char* const keys[] = {[VU_CUT_PULLED] = "unplug_after",
+                                       [VU_CUT_POWER] = "power_off_after"};
+    for (enum vu_cut kind = VU_CUT_PULLED; kind <= VU_CUT_POWER; ++kind) {
+        const double at = strtod(vu_conf_get(&unit->conf, keys[kind], "-1"), NULL);
+        if (at < 0 || (double)(before + length) <= at)
+            continue;
+        fault_fired(unit, keys[kind]);
+        if (at > (double)before && (stage == STAGE_DOWNLOAD || stage == STAGE_ERASE)) {
+            unit->cut = kind;
+            return 0;
+        }
+        drop_off_bus(unit, kind == VU_CUT_PULLED ? DROP_UNPLUG : DROP_POWER, 0);
+        return LIBUSB_ERROR_NO_DEVICE;
+    }
+    return 0;
+}
+
+/* Faults on a data stage, or on an erase command or a leave (which count as one each); returns 0
+ * to go on or the libusb error the request ends with. */
 static int data_fault(struct vu_bootloader* unit, enum fault_stage stage, int length,
                       unsigned timeout_ms)
 {
     long long before = stage == STAGE_UPLOAD     ? unit->bytes_up
                        : stage == STAGE_DOWNLOAD ? unit->bytes_down
-                                                 : unit->erases;
+                       : stage == STAGE_ERASE    ? unit->erases
+                                                 : unit->leave_requests;
     if (!direction_matches(unit, stage))
         return 0;
-    if (crosses(unit, "unplug_after", before, length)) {
-        fault_fired(unit, "unplug_after");
-        drop_off_bus(unit, DROP_UNPLUG, 0);
+    if (cut_fault(unit, stage, before, length))
         return LIBUSB_ERROR_NO_DEVICE;
-    }
     if (crosses(unit, "fail_after", before, length)) {
         fault_fired(unit, "fail_after");
         return LIBUSB_ERROR_IO;
@@ -555,6 +591,10 @@ static int dnload(struct vu_bootloader* unit, uint16_t block, uint8_t* data, uin
     if (length == 0) {
         /* DfuSe's leave request: a zero-length download; the next GETSTATUS starts the
          * firmware. */
+        int fault = data_fault(unit, STAGE_LEAVE, 1, timeout_ms);
+        if (fault)
+            return fault;
+        ++unit->leave_requests;
         unit->state = VU_dfuMANIFEST_SYNC;
         return 0;
     }
@@ -717,6 +757,17 @@ static int get_status(struct vu_bootloader* unit, uint8_t* data, uint16_t length
             /* Still erasing: the request runs into the host's time-out. */
             sleep_ms(timeout_ms);
             return LIBUSB_ERROR_TIMEOUT;
+        }
+        if (unit->cut != VU_CUT_NONE) {
+            /* Cut while it programs or erases (see cut_fault); the host's poll finds no unit. */
+            uint32_t start, size;
+            if (unit->cut == VU_CUT_PULLED)
+                execute(unit);
+            else if (unit->pending == VU_CMD_ERASE &&
+                     flash_sector(unit->pending_address, &start, &size) == 0)
+                erase_flash(unit, start, size / 2);
+            drop_off_bus(unit, unit->cut == VU_CUT_PULLED ? DROP_UNPLUG : DROP_POWER, 0);
+            return LIBUSB_ERROR_NO_DEVICE;
         }
         sleep_ms(left);
         uint8_t status = execute(unit);

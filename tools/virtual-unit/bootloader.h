@@ -52,6 +52,10 @@ enum vu_command {
     VU_CMD_WRITE
 };
 
+/* How the unit leaves the bus against its will: its cable pulled while it keeps its own supply,
+ * or its power lost. */
+enum vu_cut { VU_CUT_NONE, VU_CUT_PULLED, VU_CUT_POWER };
+
 /* One opened unit: the bootloader's volatile state plus the files behind its memory. */
 struct vu_bootloader
 {
@@ -77,8 +81,12 @@ struct vu_bootloader
     /* Data bytes moved in this run, for faults that fire after N bytes. */
     long long bytes_down;
     long long bytes_up;
-    /* Erase commands in this run, for faults armed with --direction erase. */
+    /* Erase commands and leave requests in this run, for faults armed with --direction erase
+     * or leave. */
     long long erases;
+    long long leave_requests;
+    /* A cut armed for the request in flight, which comes while the unit carries it out. */
+    enum vu_cut cut;
     /* What this run has done, for the progress file: the end of the erased flash (an offset),
      * the bytes programmed. */
     long long erased_end;

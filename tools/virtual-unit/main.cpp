@@ -317,7 +317,26 @@ const char* const faultKeys[] = {
     "fail_after",      "stall_after",    "stall_ms",           "short_after",
     "fault_direction", "unplug_after",   "flip_address",       "leave_status_fails",
     "second_serial",   "claim_fails",    "first_status_error", "status_error_cleared",
-    "read_protected",  "foreign_device", "upload_stride",      "faults_once"};
+    "read_protected",  "foreign_device", "upload_stride",      "faults_once",
+    "power_off_after"};
+
+// The cuts take a count with a fraction ("5.5" erases: halfway through the sixth), stored as
+// given.
+Error applyCuts(const QCommandLineParser& args, vu_conf* conf)
+{
+    for (const char* option : {"unplug-after", "power-off-after"}) {
+        if (!args.isSet(QLatin1String(option)))
+            continue;
+        const QString text = args.value(QLatin1String(option));
+        bool ok = false;
+        if (text.toDouble(&ok) < 0 || !ok)
+            return QStringLiteral("--%1 must be a non-negative number, not \"%2\"")
+                .arg(QLatin1String(option), text);
+        vu_conf_set(conf, QByteArray(option).replace('-', '_').constData(),
+                    text.toLatin1().constData());
+    }
+    return {};
+}
 
 Error inject(const QCommandLineParser& args, const QString& dir)
 {
@@ -330,19 +349,20 @@ Error inject(const QCommandLineParser& args, const QString& dir)
             {{"direction",
               "fault_direction",
               {QStringLiteral("upload"), QStringLiteral("download"), QStringLiteral("erase"),
-               QStringLiteral("any")}},
+               QStringLiteral("leave"), QStringLiteral("any")}},
              {"upload-stride",
               "upload_stride",
               {QStringLiteral("requested"), QStringLiteral("transfer")}}},
             {{"fail-after", "fail_after"},
              {"stall-after", "stall_after"},
              {"stall-ms", "stall_ms"},
-             {"unplug-after", "unplug_after"},
              {"short-after", "short_after"},
              {"flip-byte", "flip_address"},
              {"claim-fails", "claim_fails"}},
             conf);
         !e.isEmpty())
+        return e;
+    if (Error e = applyCuts(args, conf); !e.isEmpty())
         return e;
     if (args.isSet(QStringLiteral("second-unit"))) {
         const QString serial = args.value(QStringLiteral("second-unit"));
@@ -526,12 +546,17 @@ int main(int argc, char* argv[])
          QStringLiteral("inject: how long a hang lasts (default: the request's time-out)."),
          QStringLiteral("ms")},
         {QStringLiteral("direction"),
-         QStringLiteral("inject: what --fail-after, --stall-after and --unplug-after count: "
-                        "bytes read, written or both (any, the default), or erase commands."),
-         QStringLiteral("upload|download|erase|any")},
+         QStringLiteral("inject: what the faults count: bytes read, written or both (any, the "
+                        "default), erase commands, or leave requests."),
+         QStringLiteral("upload|download|erase|leave|any")},
         {QStringLiteral("unplug-after"),
-         QStringLiteral("inject: the unit is pulled once a transfer crosses this many bytes."),
-         QStringLiteral("bytes")},
+         QStringLiteral("inject: the cable is pulled at this count; the unit, on its own supply, "
+                        "finishes a block or an erase it has begun (a count inside it)."),
+         QStringLiteral("count")},
+        {QStringLiteral("power-off-after"),
+         QStringLiteral("inject: the unit loses power at this count; a block in flight is lost, "
+                        "a sector in its erase left half erased."),
+         QStringLiteral("count")},
         {QStringLiteral("short-after"),
          QStringLiteral("inject: an upload ends with a short block after this many bytes."),
          QStringLiteral("bytes")},
