@@ -82,10 +82,11 @@ void UpgradeProgress::toolProgress(DFU::Phase phase, double fraction)
     show(phase, fraction);
 }
 
-void UpgradeProgress::downloadEnded()
+void UpgradeProgress::downloadEnded(Upgrade::WriteEnd end)
 {
-    // Without records the bar was the time-based run, which the flow hides now as it always has.
-    if (state != State::Writing || !streamed) {
+    // Without records the bar was the time-based run, which the flow hides now as it always has;
+    // a write that broke off restarts nothing, and the bar goes with the unit.
+    if (state != State::Writing || !streamed || end == Upgrade::WriteEnd::NotWritten) {
         state = State::Idle;
         return;
     }

@@ -11,6 +11,7 @@
 #include <QTimer>
 
 #include "dfu/progress.h"
+#include "dfu/upgraderules.h"
 
 class ProgressBar;
 
@@ -47,7 +48,7 @@ public slots:
     void downloadStarted();
     void verificationStarted();
     void toolProgress(DFU::Phase phase, double fraction);
-    void downloadEnded();
+    void downloadEnded(Upgrade::WriteEnd end);
     void unitBack();
     // The read-back matched: full, with what to do now.
     void matches();

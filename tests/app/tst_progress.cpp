@@ -16,7 +16,8 @@ private slots:
 
 void tst_Progress::bar_data()
 {
-    // Steps: "download", "end", "back", "verify", or "E|W|R|V:fraction" for a record of the
+    // Steps: "download", "end" (written), "broken" (broke off), "back", "verify", or
+    // "E|W|R|V:fraction" for a record of the
     // erase, the write or the read-back, or the restart's fraction; after each, "value text".
     QTest::addColumn<QString>("steps");
     QTest::addColumn<QString>("shown");
@@ -45,6 +46,9 @@ void tst_Progress::bar_data()
     QTest::newRow("verifying a unit that was not written")
         << "verify V:0.5 V:1"
         << "0 progress_uploadingVerifying|50 progress_verifying|99 progress_verifying" << false;
+    QTest::newRow("a write that broke off restarts nothing")
+        << "download W:0.5 broken"
+        << "0 progress_upgrading|47 progress_writing|47 progress_writing" << false;
     // A tool that prints nothing keeps the time-based run, which the flow ends as it always has.
     QTest::newRow("no records") << "download end"
                                 << "0 progress_upgrading|0 progress_upgrading" << false;
@@ -62,8 +66,9 @@ void tst_Progress::bar()
         const double fraction = step.section(QLatin1Char(':'), 1).toDouble();
         if (what == QLatin1String("download"))
             upgrade.downloadStarted();
-        else if (what == QLatin1String("end"))
-            upgrade.downloadEnded();
+        else if (what == QLatin1String("end") || what == QLatin1String("broken"))
+            upgrade.downloadEnded(what == QLatin1String("end") ? Upgrade::WriteEnd::Written
+                                                               : Upgrade::WriteEnd::NotWritten);
         else if (what == QLatin1String("back"))
             upgrade.unitBack();
         else if (what == QLatin1String("verify"))
