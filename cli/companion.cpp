@@ -261,6 +261,9 @@ UnitResult Companion::work_on(const DFU::DeviceItem& unit)
                 result.new_revision = result.old_revision;
                 leave(&result);
             } else if (Upgrade::may_write(verdict, options.force, true)) {
+                console->say(QStringLiteral("Unit %1 names the carried revision, but %2; "
+                                            "repairing it.")
+                                 .arg(result.serial, result.note));
                 result.repaired = true;
                 write_and_prove(&result);
             }
