@@ -69,15 +69,15 @@ QString private_base()
 {
     // XDG_CACHE_HOME or ~/.cache: the user's own, and unlike the runtime folder not limited to a
     // few megabytes.
-    return QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation) +
-           QStringLiteral("/lumaxis-upgrade");
+    const QString cache = QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation);
+    return cache.isEmpty() ? QString() : cache + QStringLiteral("/lumaxis-upgrade");
 }
 
 bool move_to_private_folder(QString* reason)
 {
     const QString base = private_base();
     const QFile::Permissions owner_only = QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner;
-    if (!QDir().mkpath(QFileInfo(base).path()) ||
+    if (base.isEmpty() || !QDir().mkpath(QFileInfo(base).path()) ||
         (!QFileInfo::exists(base) && !QDir().mkdir(base, owner_only))) {
         *reason = QStringLiteral("cannot make the folder");
         return false;

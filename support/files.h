@@ -53,7 +53,8 @@ extern QTemporaryDir external_dir;
 
 // The folder the temporary one is made in: the system's temporary path as configured.
 QString temporary_base();
-// The user's own folder beside the cache, for a tool the temporary folder will not let run.
+// The user's own folder beside the cache, for a tool the temporary folder will not let run;
+// empty without a cache folder (no home).
 QString private_base();
 // Makes a fresh working folder under private_base() (both mode 0700) and removes the old one with
 // its files; false with the reason when it cannot be made. private_base() goes at exit too, once
