@@ -2,7 +2,7 @@
 # A long day at a service bench: the window under Xvfb with a virtual unit unplugged and plugged
 # again every 2 s, and every tenth cycle a fresh unit with the older firmware that is upgraded by a
 # click. Resident memory, open files and threads after the first minute and at the end must stay
-# flat.
+# flat. Without the log window, as users run it (it keeps every line; LOG_WINDOW=1 adds -l).
 # Usage: bench/soak-window.sh [BUILD_DIR] [MINUTES]; 30 minutes unless given. Not part of
 # `make bench`.
 set -euo pipefail
@@ -34,7 +34,7 @@ start_xvfb
 fresh_unit
 mkdir -p "$work_dir/tmp"
 TMPDIR="$work_dir/tmp" python3 "$bench_dir/stamp-lines.py" --out "$log" --pid-file "$work_dir/pid" \
-  --timeout $((minutes * 60 + 600)) -- "${virtual[@]}" -l &
+  --timeout $((minutes * 60 + 600)) -- "${virtual[@]}" ${LOG_WINDOW:+-l} &
 wrapper=$!
 wait_for_line "$log" "SM_B: entered B2" 30 "$wrapper"
 pid=$(cat "$work_dir/pid")
@@ -42,7 +42,7 @@ bench_cleanups+=("kill $pid 2>/dev/null")
 window=$(xdotool search --sync --name "$title" | head -n 1)
 eval "$(xdotool getwindowgeometry --shell "$window")"
 
-echo "# soak: ${virtual[*]} -l, Xvfb, $minutes min, a cycle every 2 s, an upgrade every tenth; $(note_load)"
+echo "# soak: ${virtual[*]} ${LOG_WINDOW:+-l}, Xvfb, $minutes min, a cycle every 2 s, an upgrade every tenth; $(note_load)"
 cycle=0 upgrades=0 failed=0 first="" last=""
 end=$((SECONDS + minutes * 60))
 while [ $SECONDS -lt $end ]; do
@@ -79,6 +79,6 @@ wait "$wrapper" || true
 echo "cycles $cycle, upgrades $upgrades, failed $failed"
 echo "start (after a minute): RSS ${first%% *} KiB, files and threads ${first#* }"
 echo "end: RSS ${last%% *} KiB, files and threads ${last#* }"
-table_row "Soak, window: RSS / open files / threads, start -> end ($cycle cycles, $upgrades upgrades, $failed failed)" \
+table_row "Soak, window${LOG_WINDOW:+ with -l}: RSS KiB / open files / threads, start -> end ($cycle cycles, $upgrades upgrades, $failed failed)" \
   "${first// / \/ } -> ${last// / \/ }" "flat" "1 run, $minutes min" \
   "bench/soak-window.sh $shown_build_dir $minutes"

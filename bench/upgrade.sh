@@ -46,9 +46,10 @@ no_device_poll = float(sys.argv[2])
 download, list_none, list_found, otp, info, upload = (float(x) for x in sys.argv[3:9])
 click, dl_start, dl_end, read_start, devconn, up_start, b6 = stamps
 total = b6 - click
-# Fixed pauses: one no-device pause before each scan while the unit is away.
+# Fixed pauses: one no-device pause before each scan while the unit is away. Rounded: the scans
+# themselves take a few milliseconds, and a pause may end a little before its deadline.
 absence = read_start - dl_end
-scans = int(absence // no_device_poll)
+scans = round(absence / no_device_poll)
 pauses = scans * no_device_poll
 hand = download + (scans - 1) * list_none + list_found + otp + info + upload
 work = total - pauses
@@ -123,8 +124,10 @@ done
 # label, column, unit, goal, decimals
 rows=("Install click to Done|1|ms||1" "fixed pauses in it|2|ms||1" "beyond the pauses|3|ms||1"
   "the same dfu-util runs by hand|4|ms||1" "overhead beyond the pauses|5|%|< 10 %|0"
-  "Install click to Done against the runs by hand|13|times|<= 1.03|3"
   "CPU time of the program's own threads|15|ms||1" "peak RSS|14|MiB|< 80 MB|0")
+# The whole against the runs by hand means something only where the runs, not the scan pauses,
+# make up the time.
+[ "$timing" = real ] && rows+=("Install click to Done against the runs by hand|13|times|<= 1.03|3")
 for row in "${rows[@]}"; do
   IFS='|' read -r label c unit goal decimals <<<"$row"
   table_row "Upgrade ($timing), $label" \

@@ -39,13 +39,21 @@ bool copy_resource(const QString& resource, const QString& path, QString* error)
         *error = source.errorString();
         return false;
     }
-    if (!target.open(QIODevice::WriteOnly | QIODevice::NewOnly)) {
+    if (!target.open(QIODevice::WriteOnly | QIODevice::NewOnly | QIODevice::Unbuffered)) {
         *error = target.errorString();
         return false;
     }
+    // Qt sets no error for a write that got part of its bytes out (a disk filling up); the next
+    // write of the rest then fails with the system's reason.
     const QByteArray bytes = source.readAll();
-    if (target.write(bytes) == bytes.size() && target.flush() &&
-        target.setPermissions(source.permissions()))
+    qint64 written = 0;
+    while (written < bytes.size()) {
+        const qint64 n = target.write(bytes.constData() + written, bytes.size() - written);
+        if (n <= 0)
+            break;
+        written += n;
+    }
+    if (written == bytes.size() && target.setPermissions(source.permissions()))
         return true;
     *error = target.errorString();
     target.remove();

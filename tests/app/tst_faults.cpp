@@ -103,8 +103,8 @@ void tst_Faults::fault_data()
     // Full while extracting, at the first read-out, at the read-back: never an offer or "Done".
     QTest::newRow("temporary folder full: extraction")
         << "tmpfs full:-200"
-        << "Failed to extract|Status line: Cannot prepare the tool's files in|!Status line:|"
-           ">state|install=0" << 0;
+        << "Failed to extract|Status line: Cannot prepare the tool's files in|"
+           ": No space left on device|!Status line:|>state|install=0" << 0;
     QTest::newRow("temporary folder full: read-out")
         << "tmpfs full:0"
         << "attempt 1 of 3|Status line: The folder|>state|install=0" << 0;
