@@ -61,6 +61,8 @@ void add_connections(QApplication* app)
     QObject::connect(sm_A, &SM_A::sig_DeviceError, statusLine, &StatusLine::setReadFailed);
     QObject::connect(sm_A, &SM_A::sig_NoDevConn, statusLine, &StatusLine::clearReadFailed);
     QObject::connect(sm_A, &SM_A::sig_FwDownloaded, statusLine, &StatusLine::downloadEnded);
+    // Beside the flow's own verdict: a read-back that failed for want of room says so.
+    QObject::connect(sm_A, &SM_A::sig_FwUploadedDiffers, statusLine, &StatusLine::verifyFailed);
 
     // The bar.
     QObject::connect(sm_B, &SM_B::sig_DoDownload, progress, &UpgradeProgress::downloadStarted);

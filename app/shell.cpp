@@ -76,8 +76,6 @@ void GUI_init()
     add_connections(qApp);
     if (problem.kind != Tool::StartProblem::None)
         statusLine->setStartProblem(problem.layout_id(), problem.folder, problem.reason);
-    // Beside the flow's own verdict: a read-back that failed for want of room says so.
-    QObject::connect(sm_A, &SM_A::sig_FwUploadedDiffers, statusLine, &StatusLine::verifyFailed);
     close_on_termination_signals(mainWindow.data());
 
     QObject::connect(sm_B, &QStateMachine::started, [] {
